@@ -7,7 +7,7 @@
 #ifndef IPACL_ACLAPI_H
 #define IPACL_ACLAPI_H
 
-#include "ipacl.h"
+#include "aclrule.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -29,9 +29,6 @@ enum ipacl_debug_bit {
     IPACL_DEBUG_RESOURCE = 0x0008
 };
 extern uint16_t ipacl_debug_flag;
-
-/* The index of rules that name a VLAN interface, in order of creation. */
-extern struct _ipacl_rule_vlanname *ipacl_vlanname_list_head;
 
 /* The name of the card that the service runs for: at most 3 characters. */
 extern const char g_ipacl_card_name[4];

@@ -61,7 +61,10 @@ void copy_acle_rule(struct ipacl_extended_rule *dst, const struct ipacl_extended
 void copy_acle_rule_only_content(struct ipacl_extended_rule *dst,
                                  const struct ipacl_extended_rule *src);
 
-/* The VLAN-name index. Adding notes at most 20 characters of a name as the rule's source or
+/* The VLAN-name index: the rules that name an interface, in order of creation. */
+extern struct _ipacl_rule_vlanname *ipacl_vlanname_list_head;
+
+/* Adding notes at most 20 characters of a name as the rule's source or
  * destination interface: 0, or -1 when memory is short. Deleting removes the rule's node and
  * ignores the name: always 0. */
 int add_ipacl_vlanname_list(const char *vlan_name, struct ipacl *ipacl,

@@ -1,0 +1,314 @@
+// The writer of rule text. See acl_text.h for how renderers differ.
+
+#include "acl_text.h"
+
+#include "acl_words.h"
+#include "platform/sys.h"
+#include "platform/vty.h"
+
+#include <arpa/inet.h>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace acl_text {
+
+using Extra = Style::Extra;
+
+const Style kRunning{
+    .standard = {" permit ", " deny ", " remark  ", ""},
+    .extended = {" permit", " deny  ", " remark  ", ""},
+    .remark = Style::Remark::kWholeLine,
+    .reverse_mask_word = " reverse-mask ",
+    .standard_mask_mark = "",
+    .extended_mask_mark = "",
+    .any_standard = " any ",
+    .dst_portrange_gap = " ",
+    .all_protocol_words = true,
+    .cos = " cos %d",
+    .tcp_flags = " tcp-flags 0x%x",
+    .extras = {Extra::kCos, Extra::kEstablished, Extra::kTcpFlags},
+    .line_end = "\n",
+};
+
+const Style kListing{
+    .standard = {" %5d          permit", " %5d          deny  ", "[%5d] *** ", ""},
+    .extended = {" %5d          permit", " %5d          deny  ", "[%5d] *** ", ""},
+    .remark = Style::Remark::kWholeLine,
+    .reverse_mask_word = "",
+    .standard_mask_mark = " (r)",
+    .extended_mask_mark = "(r)",
+    .any_standard = " any",
+    .dst_portrange_gap = "",
+    .all_protocol_words = true,
+    .cos = " cos %d",
+    .tcp_flags = " tcp-flags 0x%x",
+    .extras = {Extra::kCos, Extra::kTcpFlags, Extra::kEstablished},
+    .line_end = "\n",
+};
+
+const Style kCounted{
+    .standard = {" permit ", " deny ", " remark  ", ""},
+    .extended = {" permit", " deny  ", " remark  ", ""},
+    .remark = Style::Remark::kWholeLine,
+    .reverse_mask_word = " reverse-mask ",
+    .standard_mask_mark = "",
+    .extended_mask_mark = "",
+    .any_standard = " any ",
+    .dst_portrange_gap = " ",
+    .all_protocol_words = true,
+    .cos = " cos %d",
+    .tcp_flags = " tcp-flags 0x%x",
+    .extras = {Extra::kCos, Extra::kTcpFlags, Extra::kEstablished},
+    .line_end = "",
+};
+
+void Sink::format(const char *fmt, ...) {
+    char token[128];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(token, sizeof token, fmt, args);
+    va_end(args);
+    text(token);
+}
+
+void Sink::address(in_addr address) {
+    char dotted[INET_ADDRSTRLEN];
+    text(inet_ntop(AF_INET, &address, dotted, sizeof dotted));
+}
+
+TerminalSink::TerminalSink() : Sink([](Sink &, const char *token) { vty_printf("%s", token); }) {}
+
+LineSink::LineSink()
+    : Sink([](Sink &self, const char *token) { static_cast<LineSink &>(self).put(token); }) {
+    clear();
+}
+
+LineSink::~LineSink() {
+    if (line_ != small_)
+        sys_mem_free(line_);
+}
+
+void LineSink::clear() {
+    used_ = 0;
+    *line_ = '\0';
+    failed_ = false;
+}
+
+void LineSink::put(const char *token) {
+    const size_t length = strlen(token);
+    if (used_ + length >= size_) {
+        const size_t wanted = 2 * (used_ + length) + 1;
+        auto *grown = static_cast<char *>(sys_mem_malloc(wanted));
+        if (!grown) {
+            failed_ = true;
+            return;
+        }
+        memcpy(grown, line_, used_);
+        if (line_ != small_)
+            sys_mem_free(line_);
+        line_ = grown;
+        size_ = wanted;
+    }
+    memcpy(line_ + used_, token, length + 1);
+    used_ += length;
+}
+
+void write_space(Sink &sink, int space) {
+    for (int i = 0; i < space; i++)
+        sink.text(" ");
+}
+
+const char *port_word(uint16_t protocol, uint16_t port) {
+    for (const auto &row : acl_words::kPorts)
+        if (row.protocol == protocol && row.number == port)
+            return row.word;
+    return nullptr;
+}
+
+const char *protocol_word(uint16_t protocol, bool traced_only) {
+    for (const auto &row : acl_words::kProtocols)
+        if (row.number == protocol && (row.traced || !traced_only))
+            return row.word;
+    return nullptr;
+}
+
+namespace {
+
+// A word of a table behind its blank.
+void write_word(Sink &sink, const char *word) {
+    sink.text(" ");
+    sink.text(word);
+}
+
+void write_action(Sink &sink, const Style::Actions &actions, uint16_t flags, int &index,
+                  int space) {
+    const char *action = flags & IPACL_FLAG_PERMIT   ? actions.permit
+                         : flags & IPACL_FLAG_DENY   ? actions.deny
+                         : flags & IPACL_FLAG_REMARK ? actions.remark
+                                                     : actions.none;
+    if (!*action)
+        return;
+    write_space(sink, space);
+    sink.format(action, index);
+    index++;
+}
+
+// A remark line: its text instead of everything else. False when the rule is none.
+template <class Rule>
+bool write_remark(Sink &sink, const Style &style, const Rule &rule) {
+    if (style.remark != Style::Remark::kWholeLine || !(rule.flags & IPACL_FLAG_REMARK))
+        return false;
+    sink.text(rule.remark ? rule.remark : "[IPACL IS BAD!]");
+    sink.text(style.line_end);
+    return true;
+}
+
+template <class Rule>
+void write_address(Sink &sink, const Rule &rule, const acl_words::Address<Rule> &fields,
+                   const char *any, const char *mask_mark) {
+    if (!fields.by_mask(rule)) {
+        write_word(sink, fields.range_word);
+        sink.text(" ");
+        sink.address(rule.*fields.begin);
+        sink.text(fields.range_gap);
+        sink.address(rule.*fields.end);
+    } else if (fields.is_any(rule)) {
+        sink.text(any);
+    } else {
+        const bool reversed = mask_mark && (rule.flags & IPACL_FLAG_REVERSE_MASK);
+        in_addr mask = rule.*fields.mask;
+        if (reversed)
+            mask.s_addr = ~mask.s_addr;
+        sink.text(" ");
+        sink.address(rule.*fields.addr);
+        sink.text(" ");
+        sink.address(mask);
+        if (reversed)
+            sink.text(mask_mark);
+    }
+}
+
+void write_operator(Sink &sink, uint16_t bits, bool of_ports) {
+    for (const auto &row : acl_words::kOperators)
+        if (row.bit == bits && (of_ports || row.sign))
+            write_word(sink, row.word);
+}
+
+void write_port(Sink &sink, uint16_t protocol, uint16_t port) {
+    if (const char *word = port_word(protocol, port))
+        write_word(sink, word);
+    else
+        sink.format(" %d", port);
+}
+
+void write_ports(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
+                 const acl_words::Side &side) {
+    const uint16_t bits = rule.*side.port_flags;
+    if (bits == 0)
+        return;
+    if (bits == IPACL_OP_RANGE) {
+        write_word(sink, side.portrange_word);
+        if (!side.is_src)
+            sink.text(style.dst_portrange_gap);
+        sink.format(" %d %d", rule.*side.begin_port, rule.*side.end_port);
+        return;
+    }
+    write_operator(sink, bits, true);
+    write_port(sink, rule.protcol, rule.*side.port);
+}
+
+void write_side(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
+                const acl_words::Side &side) {
+    if (*(rule.*side.vlan_name)) {
+        write_word(sink, acl_words::kInterface);
+        write_word(sink, rule.*side.vlan_name);
+    } else {
+        write_address(sink, rule, side.address, " any", style.extended_mask_mark);
+    }
+    write_ports(sink, style, rule, side);
+}
+
+void write_extra(Sink &sink, const Style &style, const ipacl_extended_rule &rule, Extra extra) {
+    switch (extra) {
+    case Extra::kCos:
+        if (rule.cosflag)
+            sink.format(style.cos, rule.cos);
+        break;
+    case Extra::kTcpFlags:
+        if (rule.tcpflags)
+            sink.format(style.tcp_flags, rule.tcpflags);
+        break;
+    case Extra::kEstablished:
+        if (rule.flags & IPACL_FLAG_ESTABLISHED)
+            sink.text(" established");
+        break;
+    }
+}
+
+void write_option(Sink &sink, const ipacl_extended_rule &rule, const acl_words::Option &option) {
+    if (!(rule.flags & option.flag))
+        return;
+    switch (option.shape) {
+    case acl_words::Option::kNumber:
+        write_word(sink, option.word);
+        sink.format(" %d", rule.*option.byte);
+        break;
+    case acl_words::Option::kChoice:
+        write_word(sink, rule.*option.byte & option.bit ? option.word : option.other);
+        break;
+    case acl_words::Option::kCompare:
+        write_word(sink, option.word);
+        write_operator(sink, rule.*option.op, false);
+        sink.format(" %d", rule.*option.value);
+        break;
+    }
+}
+
+} // namespace
+
+void write_rule(Sink &sink, const Style &style, const ipacl_standard_rule &rule, int &index,
+                int space) {
+    write_action(sink, style.standard, rule.flags, index, space);
+    // Unlike an extended rule, one without an action says nothing of its mask.
+    constexpr uint16_t kAction = IPACL_FLAG_PERMIT | IPACL_FLAG_DENY;
+    if ((rule.flags & kAction) && (rule.flags & IPACL_FLAG_REVERSE_MASK))
+        sink.text(style.reverse_mask_word);
+    if (write_remark(sink, style, rule))
+        return;
+    write_address(sink, rule, acl_words::kStandardSource, style.any_standard,
+                  style.standard_mask_mark);
+    if (rule.flags & IPACL_FLAG_LOG)
+        sink.text(" log");
+    sink.text(style.line_end);
+}
+
+void write_rule(Sink &sink, const Style &style, const ipacl_extended_rule &rule, int &index,
+                int space) {
+    write_action(sink, style.extended, rule.flags, index, space);
+    if (write_remark(sink, style, rule))
+        return;
+    if (rule.flags & IPACL_FLAG_REVERSE_MASK)
+        sink.text(style.reverse_mask_word);
+    if (const char *word = protocol_word(rule.protcol, !style.all_protocol_words))
+        write_word(sink, word);
+    else
+        sink.format(" %d", rule.protcol);
+    write_side(sink, style, rule, acl_words::kSource);
+    write_side(sink, style, rule, acl_words::kDestination);
+    if (rule.dst_port_flags != IPACL_OP_RANGE && acl_words::shows_message_type(rule))
+        sink.format(" %d", rule.src_port);
+    for (Extra extra : style.extras)
+        write_extra(sink, style, rule, extra);
+    if (rule.flags & IPACL_FLAG_TIME_RANGE) {
+        write_word(sink, acl_words::kTimeRange);
+        write_word(sink, rule.time_range);
+    }
+    for (const auto &option : acl_words::kOptions)
+        write_option(sink, rule, option);
+    if (rule.flags & IPACL_FLAG_LOG)
+        sink.text(" log");
+    sink.text(style.line_end);
+}
+
+} // namespace acl_text
