@@ -14,15 +14,6 @@ inline int refuse_incomplete() {
     return -1;
 }
 
-// A record for the rule of one command, or null when memory is short.
-template <class Kind>
-typename Kind::Rule *new_record(const typename Kind::Rule &rule) {
-    auto *record = static_cast<typename Kind::Rule *>(sys_mem_malloc(sizeof rule));
-    if (record)
-        *record = rule;
-    return record;
-}
-
 // Adds `record` to the list, which then owns it, or removes the equal rule. What the list does not
 // keep is released; without a record nothing is removed. False when an addition failed.
 template <class Kind>

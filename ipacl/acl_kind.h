@@ -6,6 +6,7 @@
 #pragma once
 
 #include "aclrule.h"
+#include "platform/sys.h"
 
 #include <cstring>
 #include <utility>
@@ -54,6 +55,28 @@ struct ExtendedKind {
 
 // Marks every node of a list that goes.
 void forget_list(const ipacl &list);
+
+// True when two extended rules agree on everything but addresses, interfaces, class of service,
+// TCP flags and status.
+bool same_conditions(const ipacl_extended_rule &src, const ipacl_extended_rule &dst);
+
+// kept: an interface name of `dst` need only be a prefix of that of `src`; an empty one matches any.
+bool name_begins(const char *src, const char *dst);
+
+// Frees the rules of a list that goes.
+void free_rules(ipacl &list);
+
+// Frees a derived copy and its rules. It may share remark texts with live rules and owns none.
+void free_copy(ipacl *copy);
+
+// A record with the content of `rule`, or null when memory is short.
+template <class Rule>
+Rule *new_record(const Rule &rule) {
+    auto *record = static_cast<Rule *>(sys_mem_malloc(sizeof(Rule)));
+    if (record)
+        *record = rule;
+    return record;
+}
 
 template <class F>
 decltype(auto) with_kind(bool is_standard, F &&f) {

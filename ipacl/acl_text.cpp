@@ -63,6 +63,40 @@ const Style kCounted{
     .line_end = "",
 };
 
+const Style kTrace{
+    .standard = {"permit", "deny", "deny", "deny"},
+    .extended = {"permit", "deny", "deny", "deny"},
+    .remark = Style::Remark::kUnseen,
+    .reverse_mask_word = "",
+    .standard_mask_mark = nullptr,
+    .extended_mask_mark = nullptr,
+    .any_standard = " any",
+    .dst_portrange_gap = "",
+    .all_protocol_words = false,
+    .cos = " cos 0x%x",
+    .tcp_flags = " tcpflags 0x%x",
+    .extras = {Extra::kTcpFlags, Extra::kCos, Extra::kEstablished},
+    .line_end = "",
+};
+
+const Style kDump{
+    .standard = {" %5d          permit", " %5d          deny  ", " %5d          remark  ",
+                 " %5d          [error]  "},
+    .extended = {" %5d          permit", " %5d          deny  ", " %5d          remark  ",
+                 " %5d          [error]  "},
+    .remark = Style::Remark::kInPlace,
+    .reverse_mask_word = "",
+    .standard_mask_mark = nullptr,
+    .extended_mask_mark = nullptr,
+    .any_standard = " any",
+    .dst_portrange_gap = "",
+    .all_protocol_words = true,
+    .cos = " cos %d",
+    .tcp_flags = " tcp-flags 0x%x",
+    .extras = {Extra::kCos, Extra::kTcpFlags, Extra::kEstablished},
+    .line_end = "",
+};
+
 void Sink::format(const char *fmt, ...) {
     char token[128];
     va_list args;
@@ -119,6 +153,12 @@ void write_space(Sink &sink, int space) {
         sink.text(" ");
 }
 
+const char *listing_header(const ipacl &list) {
+    return list.is_standard == 1 ? "Standard IP access list %s\n"
+           : list.is_dynamic     ? "Dynamic Extended IP access list %s\n"
+                                 : "Extended IP access list %s\n";
+}
+
 const char *port_word(uint16_t protocol, uint16_t port) {
     for (const auto &row : acl_words::kPorts)
         if (row.protocol == protocol && row.number == port)
@@ -161,6 +201,16 @@ bool write_remark(Sink &sink, const Style &style, const Rule &rule) {
         return false;
     sink.text(rule.remark ? rule.remark : "[IPACL IS BAD!]");
     sink.text(style.line_end);
+    return true;
+}
+
+// A remark in place of an address. False when the address itself is to be written.
+template <class Rule>
+bool write_remark_in_place(Sink &sink, const Style &style, const Rule &rule) {
+    if (style.remark != Style::Remark::kInPlace || !(rule.flags & IPACL_FLAG_REMARK))
+        return false;
+    if (rule.remark)
+        write_word(sink, rule.remark);
     return true;
 }
 
@@ -220,7 +270,9 @@ void write_ports(Sink &sink, const Style &style, const ipacl_extended_rule &rule
 
 void write_side(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
                 const acl_words::Side &side) {
-    if (*(rule.*side.vlan_name)) {
+    if (write_remark_in_place(sink, style, rule)) {
+        // kept: the text stands for the source and again for the destination
+    } else if (*(rule.*side.vlan_name)) {
         write_word(sink, acl_words::kInterface);
         write_word(sink, rule.*side.vlan_name);
     } else {
@@ -276,10 +328,12 @@ void write_rule(Sink &sink, const Style &style, const ipacl_standard_rule &rule,
         sink.text(style.reverse_mask_word);
     if (write_remark(sink, style, rule))
         return;
-    write_address(sink, rule, acl_words::kStandardSource, style.any_standard,
-                  style.standard_mask_mark);
-    if (rule.flags & IPACL_FLAG_LOG)
-        sink.text(" log");
+    if (!write_remark_in_place(sink, style, rule)) {
+        write_address(sink, rule, acl_words::kStandardSource, style.any_standard,
+                      style.standard_mask_mark);
+        if (rule.flags & IPACL_FLAG_LOG)
+            sink.text(" log");
+    }
     sink.text(style.line_end);
 }
 

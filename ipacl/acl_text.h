@@ -41,6 +41,7 @@ class LineSink : public Sink {
     LineSink &operator=(const LineSink &) = delete;
 
     const char *line() const { return line_; }
+    size_t length() const { return used_; }
     bool failed() const { return failed_; }
     void clear();
 
@@ -62,7 +63,11 @@ struct Style {
         const char *remark;
         const char *none; // neither permit, deny nor remark; "" writes and counts nothing
     };
-    enum class Remark { kWholeLine, kUnseen };
+    enum class Remark {
+        kWholeLine, // its text instead of everything behind the action
+        kInPlace,   // its text in place of each address
+        kUnseen
+    };
     enum class Extra { kCos, kTcpFlags, kEstablished };
 
     Actions standard;
@@ -84,6 +89,8 @@ struct Style {
 extern const Style kRunning; // running configuration
 extern const Style kListing; // indexed listing
 extern const Style kCounted; // running configuration with hit counters, which the caller appends
+extern const Style kTrace;   // one-line form of the debug traces
+extern const Style kDump;    // indexed, inactive rules included; the caller ends the line
 
 // Writes one rule. `index` is the number of the next indexed rule and `space` its indentation.
 void write_rule(Sink &sink, const Style &style, const ipacl_standard_rule &rule, int &index,
@@ -92,6 +99,12 @@ void write_rule(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
                 int space);
 
 void write_space(Sink &sink, int space);
+
+// The lines above an indexed listing; the first is a format that takes the list's name.
+const char *listing_header(const ipacl &list);
+inline constexpr const char *kColumns = " Index          Rule content\n";
+inline constexpr const char *kRuler =
+    " --------------------------------------------------------------------\n";
 
 // The words of the TCP and UDP port tables, or null.
 const char *port_word(uint16_t protocol, uint16_t port);

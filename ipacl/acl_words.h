@@ -156,6 +156,7 @@ inline constexpr Side kDestination{
 //   number   WORD N                 `byte`
 //   choice   WORD | OTHER           bit `bit` of `byte`, set by WORD, not touched by OTHER
 //   compare  WORD eq|gt|lt N        `value` and the operator in `op`
+// `packet` is what a packet has to set against the rule's value.
 struct Option {
     enum Shape { kNumber, kChoice, kCompare };
     Shape shape;
@@ -167,35 +168,44 @@ struct Option {
     uint16_t Extended::*value;
     uint16_t Extended::*op;
     const char *json;
+    uint32_t (*packet)(const acl_info &);
 };
 
+using Packet = uint32_t (*)(const acl_info &);
+
 constexpr Option number(const char *word, uint16_t flag, uint8_t Extended::*byte,
-                        const char *json) {
-    return {Option::kNumber, flag, word, nullptr, 0, byte, nullptr, nullptr, json};
+                        const char *json, Packet packet) {
+    return {Option::kNumber, flag, word, nullptr, 0, byte, nullptr, nullptr, json, packet};
 }
 
 constexpr Option choice(const char *set, const char *clear, uint16_t flag, uint8_t Extended::*byte,
-                        uint8_t bit, const char *json) {
-    return {Option::kChoice, flag, set, clear, bit, byte, nullptr, nullptr, json};
+                        uint8_t bit, const char *json, Packet packet) {
+    return {Option::kChoice, flag, set, clear, bit, byte, nullptr, nullptr, json, packet};
 }
 
 constexpr Option compare(const char *word, uint16_t flag, uint16_t Extended::*value,
-                         uint16_t Extended::*op, const char *json) {
-    return {Option::kCompare, flag, word, nullptr, 0, nullptr, value, op, json};
+                         uint16_t Extended::*op, const char *json, Packet packet) {
+    return {Option::kCompare, flag, word, nullptr, 0, nullptr, value, op, json, packet};
 }
 
+constexpr uint32_t fragment_flags(const acl_info &info) { return info.fragment_flags; }
+
 inline constexpr Option kOptions[] = {
-    number("tos", IPACL_FLAG_TOS, &Extended::tos, "Tos"),
-    number("precedence", IPACL_FLAG_PRECEDENCE, &Extended::precedence, "Precedence"),
+    number("tos", IPACL_FLAG_TOS, &Extended::tos, "Tos",
+           [](const acl_info &info) -> uint32_t { return (info.tos >> 1) & 0xF; }),
+    number("precedence", IPACL_FLAG_PRECEDENCE, &Extended::precedence, "Precedence",
+           [](const acl_info &info) -> uint32_t { return info.tos >> 5; }),
     choice("donotfragment-set", "donotfragment-notset", IPACL_FLAG_DONT_FRAGMENT,
-           &Extended::fragment_flags, IPACL_DONT_FRAGMENT_SET, "NotFragmentFlag"),
+           &Extended::fragment_flags, IPACL_DONT_FRAGMENT_SET, "NotFragmentFlag", fragment_flags),
     choice("is-fragment", "not-fragment", IPACL_FLAG_FRAGMENT, &Extended::fragment_flags,
-           IPACL_IS_FRAGMENT, "FragmentPacket"),
+           IPACL_IS_FRAGMENT, "FragmentPacket", fragment_flags),
     choice("offset-not-zero", "offset-zero", IPACL_FLAG_OFFSET, &Extended::offset_flags,
-           IPACL_OFFSET_NOT_ZERO, "Offset"),
+           IPACL_OFFSET_NOT_ZERO, "Offset",
+           [](const acl_info &info) -> uint32_t { return info.offset_flags; }),
     compare("totallen", IPACL_FLAG_TOTALLEN, &Extended::totallen, &Extended::totallen_flags,
-            "LengthIpPacket"),
-    compare("ttl", IPACL_FLAG_TTL, &Extended::ttl, &Extended::ttl_flags, "LiveTime"),
+            "LengthIpPacket", [](const acl_info &info) { return info.totallen; }),
+    compare("ttl", IPACL_FLAG_TTL, &Extended::ttl, &Extended::ttl_flags, "LiveTime",
+            [](const acl_info &info) -> uint32_t { return info.ttl; }),
 };
 
 // Where a rule keeps the type of an ICMP or IGMP message that it asks for: in src_port.

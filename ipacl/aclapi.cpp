@@ -8,6 +8,7 @@
 #include "aclapi.h"
 
 #include "acl_kind.h"
+#include "acl_lock.h"
 #include "acl_log.h"
 #include "platform/resource.h"
 #include "platform/sys.h"
@@ -19,29 +20,18 @@ ipacl *hash_table[IPACL_HASH_SIZE];
 uint32_t mutex_id;
 uint16_t ipacl_debug_flag;
 _ipacl_rule_vlanname *ipacl_vlanname_list_head;
-const char g_ipacl_card_name[4] = "MSU";
+
+#ifndef IPACL_CARD_NAME
+#define IPACL_CARD_NAME "MSU"
+#endif
+const char g_ipacl_card_name[4] = IPACL_CARD_NAME;
 
 namespace {
 
 constexpr size_t kDynamicNameOffset = 23;
 constexpr size_t kDynamicLineSize = 128;
 
-// Holds the registry lock.
-class Lock {
-  public:
-    Lock() { mu_lock(mutex_id, 0, 0); }
-    ~Lock() { mu_unlock(mutex_id); }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-};
-
 bool printable(char c) { return isprint(static_cast<unsigned char>(c)) != 0; }
-
-// The low 32 bits of an address, as debug lines show it.
-template <class T>
-uint32_t low32(T *address) {
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(address));
-}
 
 // The link to the first list of a chain that `wanted` takes, or the link behind the last one.
 template <class F>
@@ -51,41 +41,18 @@ ipacl **find_link(ipacl **link, F &&wanted) {
     return link;
 }
 
-// A derived copy may share remark texts with live rules and never owns one.
-template <class Rule>
-void drop_remarks(Rule *rule) {
-    for (; rule; rule = rule->ipacl_next)
-        rule->remark = nullptr;
-}
-
 void free_derived(const ipacl &base, ipacl *&copy) {
-    if (!copy || copy == &base)
-        return;
-    acl::with_kind(*copy, [&]<class Kind>(Kind) { drop_remarks(Kind::head(*copy)); });
-    delete_acl_rule_location(copy, nullptr, 0);
-    acl::forget_list(*copy);
-    sys_mem_free(copy);
+    if (copy && copy != &base)
+        acl::free_copy(copy);
     copy = nullptr;
 }
 
-void free_rules(ipacl &list) {
-    delete_acl_rule_location(&list, nullptr, 0);
-    acl::forget_list(list);
-}
+uintptr_t reference(const void *record) { return reinterpret_cast<uintptr_t>(record); }
 
 ipacl *unlink_list(ipacl **link) {
     ipacl *list = *link;
     *link = list->next;
     return list;
-}
-
-void trace_registration(const ipacl &list) {
-    sys_debug_print(
-        SYS_MODULE_IPACL, IPACL_DEBUG_RESOURCE,
-        "\n[%s: REG_OWNER (FUNC: %s)] OWNER_ID: 0x%08x, RESOURCE_TYPE: %d, RESOURCE_INDEX_TYPE: "
-        "%d, INDEX_ADDR: 0x%08x, WRITE_FUNC: 0x%08x, READ_FUNC: 0x%08x\n",
-        g_ipacl_card_name, "ipacl_insert", low32(&list), RESOURCE_TYPE_ACCESSLIST,
-        RESOURCE_INDEX_TYPE_STRING, low32(list.name), 0U, low32(&acl_read));
 }
 
 } // namespace
@@ -135,8 +102,9 @@ int ipacl_insert(const char *name, int is_standard, int is_dynamic, int status) 
     __resource_register_owner(list, RESOURCE_TYPE_ACCESSLIST, __RESOURCE_TYPE_ACCESSLIST_encode,
                               __RESOURCE_TYPE_ACCESSLIST_decode, RESOURCE_INDEX_TYPE_STRING,
                               list->name, nullptr, acl_read);
-    if (ipacl_debug_flag & IPACL_DEBUG_RESOURCE)
-        trace_registration(*list);
+    __ipacl_trace_resource_reg_owner(reference(list), RESOURCE_TYPE_ACCESSLIST,
+                                     RESOURCE_INDEX_TYPE_STRING, reference(list->name), 0,
+                                     reinterpret_cast<uintptr_t>(&acl_read), "ipacl_insert");
     return 1;
 }
 
@@ -204,7 +172,7 @@ int ipacl_delete(const char *aclname, int is_standard) {
     ipacl *list = unlink_list(link);
     free_derived(*list, list->p_mergeacl);
     free_derived(*list, list->p_cleanacl);
-    free_rules(*list);
+    acl::free_rules(*list);
     sys_mem_free(list);
     return 1;
 }
@@ -239,7 +207,7 @@ int add_dynamic_ipacl(const char *info) {
     char name[IPACL_NAME_SIZE] = {};
     memcpy(name, first, length);
     {
-        Lock lock;
+        acl::Lock lock;
         if (ipacl_config_find(name))
             return 0;
     }
@@ -255,13 +223,13 @@ int add_dynamic_ipacl(const char *info) {
             line[used++] = *c;
         }
     }
-    Lock lock;
+    acl::Lock lock;
     ipacl_config_find(name);
     return 0;
 }
 
 int delete_dynamic_ipacl(const char *aclname) {
-    Lock lock;
+    acl::Lock lock;
     const uint32_t index = hash_char(aclname);
     if (index >= IPACL_HASH_SIZE) {
         ACL_LOG_ERROR("hash_char index error(errno = %d)!\n", static_cast<int>(index));
@@ -278,7 +246,7 @@ int delete_dynamic_ipacl(const char *aclname) {
         return 0;
     }
     ipacl *list = unlink_list(link);
-    free_rules(*list); // kept: before the derived copies, unlike ipacl_delete
+    acl::free_rules(*list); // kept: before the derived copies, unlike ipacl_delete
     free_derived(*list, list->p_mergeacl);
     free_derived(*list, list->p_cleanacl);
     sys_mem_free(list);

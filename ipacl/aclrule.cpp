@@ -14,9 +14,6 @@ namespace {
 
 bool same(in_addr a, in_addr b) { return a.s_addr == b.s_addr; }
 
-// kept: the name of `dst` need only be a prefix of that of `src`; an empty one matches any.
-bool name_begins(const char *src, const char *dst) { return strncmp(src, dst, strlen(dst)) == 0; }
-
 template <class Rule>
 bool same_address(const Rule &a, const Rule &b, const acl_words::Address<Rule> &f) {
     return same(a.*f.addr, b.*f.addr) && same(a.*f.mask, b.*f.mask) &&
@@ -24,12 +21,16 @@ bool same_address(const Rule &a, const Rule &b, const acl_words::Address<Rule> &
            a.*f.compare_flag == b.*f.compare_flag && a.*f.any_flag == b.*f.any_flag;
 }
 
-bool same_side(const ipacl_extended_rule &a, const ipacl_extended_rule &b,
-               const acl_words::Side &side) {
-    return same_address(a, b, side.address) && a.*side.port_flags == b.*side.port_flags &&
+bool same_place(const ipacl_extended_rule &a, const ipacl_extended_rule &b,
+                const acl_words::Side &side) {
+    return same_address(a, b, side.address) && name_begins(a.*side.vlan_name, b.*side.vlan_name);
+}
+
+bool same_ports(const ipacl_extended_rule &a, const ipacl_extended_rule &b,
+                const acl_words::Side &side) {
+    return a.*side.port_flags == b.*side.port_flags &&
            (a.*side.port_flags == 0 || a.*side.port == b.*side.port) &&
-           a.*side.begin_port == b.*side.begin_port && a.*side.end_port == b.*side.end_port &&
-           name_begins(a.*side.vlan_name, b.*side.vlan_name);
+           a.*side.begin_port == b.*side.begin_port && a.*side.end_port == b.*side.end_port;
 }
 
 // Compares an option of two rules whose flag words are equal.
@@ -56,6 +57,18 @@ bool same_options(const ipacl_extended_rule &a, const ipacl_extended_rule &b) {
 }
 
 } // namespace
+
+bool name_begins(const char *src, const char *dst) { return strncmp(src, dst, strlen(dst)) == 0; }
+
+bool same_conditions(const ipacl_extended_rule &a, const ipacl_extended_rule &b) {
+    constexpr uint16_t kMessageType = IPACL_FLAG_ICMP_TYPE | IPACL_FLAG_IGMP_TYPE;
+    return a.protcol == b.protcol && a.flags == b.flags && same_ports(a, b, acl_words::kSource) &&
+           same_ports(a, b, acl_words::kDestination) && a.src_any_flag == b.src_any_flag &&
+           a.dst_any_flag == b.dst_any_flag &&
+           (!(a.flags & kMessageType) || a.src_port == b.src_port) &&
+           (!(a.flags & IPACL_FLAG_TIME_RANGE) || strcmp(a.time_range, b.time_range) == 0) &&
+           same_options(a, b);
+}
 
 bool StandardKind::equal(const Rule &rule, const Rule &target) {
     return rule.flags == target.flags && same_address(rule, target, acl_words::kStandardSource);
@@ -200,6 +213,21 @@ void copy_content(Rule &dst, const Rule &src) {
 }
 
 } // namespace
+
+void free_rules(ipacl &list) {
+    delete_acl_rule_location(&list, nullptr, 0);
+    forget_list(list);
+}
+
+void free_copy(ipacl *copy) {
+    with_kind(*copy, [&]<class Kind>(Kind) {
+        for (auto *rule = Kind::head(*copy); rule; rule = rule->ipacl_next)
+            rule->remark = nullptr;
+    });
+    free_rules(*copy);
+    sys_mem_free(copy);
+}
+
 } // namespace acl
 
 using namespace acl;
@@ -207,12 +235,9 @@ using namespace acl;
 int acle_cmp(const ipacl_extended_rule *src, const ipacl_extended_rule *dst) {
     const auto &a = *src;
     const auto &b = *dst;
-    constexpr uint16_t kMessageType = IPACL_FLAG_ICMP_TYPE | IPACL_FLAG_IGMP_TYPE;
-    return a.protcol == b.protcol && a.flags == b.flags && same_side(a, b, acl_words::kSource) &&
-           same_side(a, b, acl_words::kDestination) && a.cosflag == b.cosflag && a.cos == b.cos &&
-           a.tcpflags == b.tcpflags && (!(a.flags & kMessageType) || a.src_port == b.src_port) &&
-           (!(a.flags & IPACL_FLAG_TIME_RANGE) || strcmp(a.time_range, b.time_range) == 0) &&
-           same_options(a, b) && a.status == b.status;
+    return acl::same_conditions(a, b) && same_place(a, b, acl_words::kSource) &&
+           same_place(a, b, acl_words::kDestination) && a.cosflag == b.cosflag && a.cos == b.cos &&
+           a.tcpflags == b.tcpflags && a.status == b.status;
 }
 
 ipacl_standard_rule *find_acls_rule(const ipacl *ipacl, const ipacl_standard_rule *target) {

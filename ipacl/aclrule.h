@@ -102,6 +102,49 @@ void show_ip_acl_rule(struct ipacl *ipacl, int flag, acl_print_fn printfun);
 /* Take the registry lock and list the ready list `acl_name`, indented by 5 blanks. */
 void print_ipaclrule_byname(const char *acl_name);
 
+/* --- Range decomposition --- */
+
+/* The number of trailing zero bits of `ip` (host byte order); 31 for 0. */
+uint32_t acl_get_back_zero_num(uint32_t ip);
+
+/* Makes a scratch list "temp" of the fewest address/mask rules that cover the range of a standard
+ * rule, the highest block first. The range is taken in host byte order. Extended rules are not
+ * decomposed: the list is then empty. The caller releases it with acl_rule_IPrange_delete. Null
+ * when memory is short, which is said on the terminal; rules made so far are then lost. */
+struct ipacl *acl_rule_IPrange_decompose(const void *rule, int is_standard);
+void acl_rule_IPrange_delete(struct ipacl *ipacl);
+
+/* --- Rule merger ---
+ *
+ * A base list may carry a merged copy in p_mergeacl, which it owns. Spans are compared in host byte
+ * order, unlike in matching. Merging can change verdicts: where a rule of the other action lies
+ * between two merged ones, where ranges take part, and where a fusion makes a mask that is no
+ * prefix. */
+enum ipacl_merge_rc {
+    IPACL_MERGE_RC_OK = 0,
+    IPACL_MERGE_RC_NOT_ENOUGH_MEMORY = -1,
+    IPACL_MERGE_RC_NULL_POINTER = -2,
+    IPACL_MERGE_RC_SYS_ERROR = -3
+};
+
+/* Brings the merged copy up to date, clears is_change, and stores 1 through `would_notify_upper`
+ * when the copy's users must be told, else 0. */
+int acl_rule_merger_ctrl(struct ipacl *base_ipacl, int *would_notify_upper);
+
+/* Builds a merged copy, which belongs to the caller, without remarks and inactive rules. */
+int acl_rule_merger_create_upper_ipacl(const struct ipacl *base_ipacl, struct ipacl **upper_ipacl);
+
+/* Decides about an earlier rule `src` and a later one `dst`: 0 no merge, 1 the later one is
+ * redundant (`src` may have been widened), 2 the earlier one is. */
+int acl_rule_merger_op(void *src, const void *dst, int is_standard);
+
+/* A copy of an extended list with its active rules, unmerged, or null. It shares remark texts. */
+struct ipacl *deepcopy_ipacl_ext_rule(const struct ipacl *base);
+
+/* Fills the caller's record with copies of the active rules. 0, -1 when memory is short (what was
+ * copied stays), -2 for a missing argument. */
+int deepcopy_ipacl_clean(const struct ipacl *base_ipacl, struct ipacl *dst_ipacl);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,10 +1,9 @@
 // The listings of one access list: running configuration, indexed listing, hit counters.
 
 #include "acl_kind.h"
+#include "acl_lock.h"
 #include "acl_log.h"
 #include "acl_text.h"
-#include "aclapi.h"
-#include "platform/sys.h"
 #include "platform/vty.h"
 
 using acl_text::LineSink;
@@ -16,17 +15,7 @@ const char *config_header(const ipacl &list) {
     return list.is_standard == 1 ? "ip access-list standard %s\n" : "ip access-list extended %s\n";
 }
 
-const char *listing_header(const ipacl &list) {
-    return list.is_standard == 1 ? "Standard IP access list %s\n"
-           : list.is_dynamic     ? "Dynamic Extended IP access list %s\n"
-                                 : "Extended IP access list %s\n";
-}
-
 constexpr const char *kMergeLine = " merge-enable\n";
-constexpr const char *kColumns = " Index          Rule content\n";
-constexpr const char *kRuler =
-    " --------------------------------------------------------------------\n";
-
 // Calls fn(rule) for every active rule of the list, in order.
 template <class F>
 void for_each_active(const ipacl &list, F &&fn) {
@@ -110,11 +99,11 @@ void show_rule(const ipacl *ipacl, int space) {
         return;
     }
     print_space(space);
-    vty_printf(listing_header(*ipacl), ipacl->name);
+    vty_printf(acl_text::listing_header(*ipacl), ipacl->name);
     print_space(space);
-    vty_printf("%s", kColumns);
+    vty_printf("%s", acl_text::kColumns);
     print_space(space);
-    vty_printf("%s", kRuler);
+    vty_printf("%s", acl_text::kRuler);
     write_active_rules(*ipacl, acl_text::kListing, space);
 }
 
@@ -132,9 +121,8 @@ void show_ip_acl_rule(ipacl *ipacl, int flag, acl_print_fn printfun) {
 }
 
 void print_ipaclrule_byname(const char *acl_name) {
-    mu_lock(mutex_id, 0, 0);
+    acl::Lock lock;
     const ipacl *list = ipacl_config_find(acl_name);
     if (list && list->status == IPACL_STATUS_READY)
         show_rule(list, 5);
-    mu_unlock(mutex_id);
 }

@@ -261,7 +261,7 @@ int do_extended_end(const char *aclname, const char *rule_text) {
         return acl::refuse_incomplete();
     using Kind = acl::ExtendedKind;
     ipacl *list = acl::config_find<Kind>(aclname);
-    auto *record = acl::new_record<Kind>(command.rule);
+    auto *record = acl::new_record(command.rule);
     Rule &rule = record ? *record : command.rule;
     if (!look_up(rule, acl_words::kSource, command.src_interface) ||
         !look_up(rule, acl_words::kDestination, command.dst_interface))

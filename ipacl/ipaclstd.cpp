@@ -74,7 +74,7 @@ int do_standard_end(const char *aclname, const char *rule_text) {
         return acl::refuse_incomplete();
     using Kind = acl::StandardKind;
     ipacl *list = acl::config_find<Kind>(aclname);
-    auto *record = acl::new_record<Kind>(command.rule);
+    auto *record = acl::new_record(command.rule);
     if (command.bad_range) { // kept: the record is lost
         printf("Error:The ip-address should not be less than %s.\n",
                inet_ntoa(command.rule.src_end_addr));

@@ -1,0 +1,73 @@
+# Shared by the scripts of this folder; source it. Works as root, through sudo, and for an ordinary
+# user whose machine has everything installed already.
+
+set -eu
+cd "$(dirname "$0")/.."
+
+jobs=$(nproc)
+work=$(mktemp -d)
+children=""
+
+say() { printf '%s\n' "$*"; }
+fail() {
+    printf '%s\n' "$*" >&2
+    exit 1
+}
+
+# Ends what was started, by id, and removes what was written.
+clean_up() {
+    status=$?
+    for pid in $children; do
+        kill "$pid" 2>/dev/null || true
+    done
+    for pid in $children; do
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
+    exit "$status"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# Runs a command in silence; shows what it said only when it fails.
+quietly() {
+    if ! "$@" >"$work/log" 2>&1 </dev/null; then
+        cat "$work/log" >&2
+        fail "failed: $*"
+    fi
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    else
+        sudo -n "$@"
+    fi
+}
+
+# Installs the Debian packages among the arguments that are missing. An index that can't be
+# refreshed is no failure as long as the packages can be had.
+need_packages() {
+    missing=""
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+            missing="$missing $package"
+    done
+    [ -n "$missing" ] || return 0
+    say "Installing$missing"
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update >"$work/update" 2>&1 </dev/null ||
+        say "note: the package index could not be refreshed; going on with what is known"
+    # shellcheck disable=SC2086
+    quietly as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -y --no-install-recommends install $missing
+}
+
+# Configures and builds a preset.
+build() {
+    quietly cmake --preset "$@"
+    quietly cmake --build --preset "$1" -j "$jobs"
+}
+
+build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev"
+test_packages="libgtest-dev clang libclang-rt-14-dev iproute2"
