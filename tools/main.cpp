@@ -1,0 +1,108 @@
+// ipaclctl: the operator's hands on a running access-list service.
+//
+// Exit status: 0 done; 1 refused or failed; 2 wrong usage, or nobody to ask.
+
+#include "commands.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <iostream>
+#include <map>
+
+namespace {
+
+using namespace ipaclctl;
+
+const std::map<std::string, Kind> kKinds{{"standard", Kind::kStandard},
+                                         {"extended", Kind::kExtended}};
+
+// What the command line asked for.
+struct Arguments {
+    std::string socket;
+    int timeout = 30;
+    bool verbose = false;
+    std::string file;
+    std::string words;
+    unsigned count = 0;
+    std::optional<std::string> name;
+    std::optional<Kind> kind;
+};
+
+using Command = std::function<int(Service &)>;
+
+class CommandLine {
+  public:
+    CommandLine() {
+        app_.set_version_flag("--version", IPACL_VERSION);
+        app_.require_subcommand(1);
+        app_.add_option("-s,--socket", a_.socket, "socket of the message bus");
+        app_.add_option("-t,--timeout", a_.timeout, "seconds to wait for an answer")
+            ->check(CLI::PositiveNumber);
+        auto *load = add("load", "play a configuration (- is standard input)",
+                         [this](Service &s) { return load_file(s, a_.file, a_.verbose); });
+        load->add_option("file", a_.file)->required();
+        load->add_flag("-v,--verbose", a_.verbose, "say what was loaded");
+        add("running-config", "write the running configuration", show_running);
+        auto *show = add("show", "list one access list, or all",
+                         [this](Service &s) { return show_lists(s, a_.name); });
+        name(show, false);
+        auto *json = add("json", "the directory of lists, or the rules of one, as JSON",
+                         [this](Service &s) { return show_json(s, a_.name, a_.kind); });
+        name(json, false);
+        kind(json, false);
+        auto *made = add("create", "make a list",
+                         [this](Service &s) { return create(s, *a_.name, *a_.kind); });
+        name(made, true);
+        kind(made, true);
+        auto *destroyed = add("destroy", "destroy a list with all its rules",
+                              [this](Service &s) { return destroy(s, *a_.name, a_.kind); });
+        name(destroyed, true);
+        kind(destroyed, false);
+        auto *edited = add("rule", "give one rule command to a list",
+                           [this](Service &s) { return rule(s, *a_.name, a_.words); });
+        name(edited, true);
+        edited->add_option("words", a_.words, "the command, as one argument")->required();
+        auto *watched = add("watch", "tell every list that changes or goes",
+                            [this](Service &s) { return watch(s, a_.count); });
+        watched->add_option("--count", a_.count, "end after so many");
+    }
+
+    int run(int argc, char **argv) {
+        try {
+            app_.parse(argc, argv);
+            Service service(a_.socket, a_.timeout);
+            return command_(service);
+        } catch (const CLI::ParseError &error) {
+            return app_.exit(error) == 0 ? 0 : 2;
+        } catch (const Unreachable &error) {
+            std::cerr << "ipaclctl: " << error.what() << '\n';
+            return 2;
+        }
+    }
+
+  private:
+    CLI::App *add(const char *word, const char *help, Command command) {
+        CLI::App *sub = app_.add_subcommand(word, help);
+        sub->callback([this, command] { command_ = command; });
+        return sub;
+    }
+    void name(CLI::App *sub, bool required) {
+        sub->add_option("name", a_.name, "name of the list")->required(required);
+    }
+    void kind(CLI::App *sub, bool required) {
+        sub->add_option_function<std::string>(
+               "--type", [this](const std::string &word) { a_.kind = kKinds.at(word); },
+               "standard or extended")
+            ->check(CLI::IsMember(kKinds))
+            ->required(required);
+    }
+
+    CLI::App app_{"Talks to a running IPv4 access-list service.", "ipaclctl"};
+    Arguments a_;
+    Command command_;
+};
+
+} // namespace
+
+int main(int argc, char **argv) { return CommandLine().run(argc, argv); }

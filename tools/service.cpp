@@ -1,0 +1,246 @@
+#include "service.h"
+
+#include "ipacl/obj_ipacl.h"
+
+#include <cjson/cJSON.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <time.h>
+#include <unistd.h>
+
+namespace ipaclctl {
+namespace {
+
+constexpr int kPatience = 50; // tries, a tenth of a second each, until the service must be back
+
+const char *path_or_null(const std::string &path) { return path.empty() ? nullptr : path.c_str(); }
+
+void pause() {
+    const timespec tenth{0, 100'000'000};
+    nanosleep(&tenth, nullptr);
+}
+
+// The attribute message of a request.
+class Message {
+  public:
+    explicit Message(const Request &request) {
+        blobmsg_buf_init(&buf_);
+        if (request.name)
+            blobmsg_add_string(&buf_, "name", request.name->c_str());
+        add_u8("action", request.action);
+        add_u8("moudle", request.moudle);
+        if (request.type)
+            blobmsg_add_u8(&buf_, "type", *request.type == Kind::kStandard);
+        if (request.rule)
+            blobmsg_add_string(&buf_, "rule", request.rule->c_str());
+        if (request.handler)
+            blobmsg_add_u32(&buf_, "cmd_handler", *request.handler);
+    }
+    ~Message() { blob_buf_free(&buf_); }
+    Message(const Message &) = delete;
+    Message &operator=(const Message &) = delete;
+
+    blob_attr *head() { return buf_.head; }
+
+  private:
+    void add_u8(const char *name, std::optional<uint8_t> value) {
+        if (value)
+            blobmsg_add_u8(&buf_, name, *value);
+    }
+    blob_buf buf_{};
+};
+
+void on_reply(ubus_request *req, int, blob_attr *msg) {
+    static const blobmsg_policy policy[] = {
+        {.name = "output", .type = BLOBMSG_TYPE_STRING},
+        {.name = "truncated", .type = BLOBMSG_TYPE_INT8},
+    };
+    blob_attr *tb[2];
+    auto &reply = *static_cast<Reply *>(req->priv);
+    blobmsg_parse(policy, 2, tb, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    if (tb[0])
+        reply.output += blobmsg_get_string(tb[0]);
+    if (tb[1])
+        reply.truncated = blobmsg_get_bool(tb[1]);
+}
+
+// The two files through which the service hands over text.
+class HandlerFiles {
+  public:
+    HandlerFiles() {
+        const char *directory = getenv("IPACL_VTY_DIR");
+        std::random_device random;
+        do
+            number_ = random() & INT32_MAX;
+        while (number_ == 0);
+        prefix_ = std::string(directory && *directory ? directory : "/run/ipacl") + "/vty_" +
+                  std::to_string(number_) + "_";
+        remove();
+    }
+    ~HandlerFiles() { remove(); }
+    HandlerFiles(const HandlerFiles &) = delete;
+    HandlerFiles &operator=(const HandlerFiles &) = delete;
+
+    uint32_t number() const { return number_; }
+
+    // The listing followed by the answers; none when the service could not write them here.
+    std::optional<std::string> read() const {
+        std::ifstream listing(prefix_ + "0"), answers(prefix_ + "1");
+        if (!listing || !answers)
+            return std::nullopt;
+        std::ostringstream text;
+        for (auto *file : {&listing, &answers})
+            if (file->peek() != std::ifstream::traits_type::eof())
+                text << file->rdbuf();
+        return text.str();
+    }
+
+  private:
+    void remove() const {
+        for (const char *end : {"0", "1"})
+            unlink((prefix_ + end).c_str());
+    }
+    std::string prefix_;
+    uint32_t number_;
+};
+
+} // namespace
+
+const char *kind_name(Kind kind) { return kind == Kind::kStandard ? "standard" : "extended"; }
+
+Service::Service(std::string path, int timeout) : path_(std::move(path)), timeout_(timeout) {
+    if (path_.empty())
+        if (const char *socket = getenv("UBUS_SOCKET"))
+            path_ = socket;
+    connect();
+}
+
+Service::~Service() {
+    if (ctx_)
+        ubus_free(ctx_);
+}
+
+void Service::connect() {
+    ctx_ = ubus_connect(path_or_null(path_));
+    if (!ctx_)
+        throw Unreachable("no message bus at " + (path_.empty() ? UBUS_UNIX_SOCKET : path_) +
+                          ": " + strerror(errno));
+    ctx_->connection_lost = [](ubus_context *) {};
+    if (!find_service())
+        throw Unreachable("the access-list service is not on the bus; is ipacl running?");
+}
+
+bool Service::find_service() {
+    id_ = 0;
+    return ubus_lookup_id(ctx_, "L.IPACL", &id_) == UBUS_STATUS_OK && id_ != 0;
+}
+
+// Waits until the service can be asked again.
+bool Service::come_back() {
+    for (int i = 0; i < kPatience; i++, pause()) {
+        if (!find_service() && ubus_reconnect(ctx_, path_or_null(path_)) == UBUS_STATUS_OK)
+            find_service();
+        if (id_)
+            return true;
+    }
+    return false;
+}
+
+int Service::try_call(const char *method, const Request &request, Reply &reply) {
+    reply = Reply{};
+    Message message(request);
+    return ubus_invoke(ctx_, id_, method, message.head(), on_reply, &reply, timeout_ * 1000);
+}
+
+Reply Service::call(const char *method, const Request &request) {
+    Reply reply;
+    reply.status = try_call(method, request, reply);
+    const auto gone = [&] {
+        return reply.status == UBUS_STATUS_CONNECTION_FAILED ||
+               reply.status == UBUS_STATUS_NOT_FOUND || reply.status == UBUS_STATUS_TIMEOUT ||
+               ctx_->sock.eof;
+    };
+    if (gone() && come_back())
+        reply.status = try_call(method, request, reply);
+    if (gone())
+        throw Unreachable(std::string("the access-list service does not answer: ") +
+                          ubus_strerror(reply.status));
+    return reply;
+}
+
+std::string Service::text(const char *method, Request request) {
+    const HandlerFiles files;
+    request.handler = files.number();
+    Reply reply = call(method, request);
+    if (auto text = files.read())
+        return *text;
+    // The files are not to be had here; the reply carries what fits into a message.
+    request.handler.reset();
+    reply = call(method, request);
+    if (reply.truncated)
+        throw Unreachable("the text is too long for a bus message, and the terminal files can't "
+                          "be read here");
+    return reply.output;
+}
+
+std::optional<Kind> Service::kind_of(const std::string &name) {
+    Request request;
+    request.action = IPACL_ACTION_JSON;
+    request.moudle = IPACL_MOUDLE_CMD;
+    const std::unique_ptr<cJSON, void (*)(cJSON *)> lists(
+        cJSON_Parse(text("action", request).c_str()), cJSON_Delete);
+    const cJSON *list;
+    cJSON_ArrayForEach(list, lists.get()) {
+        const char *listed = cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListName"));
+        const char *kind =
+            cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListAttribute"));
+        if (listed && kind && name == listed)
+            return strcmp(kind, "standard") == 0 ? Kind::kStandard : Kind::kExtended;
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+struct Watcher {
+    ubus_event_handler handler; // first: the event names it
+    const std::function<bool(const std::string &, const std::string &)> *fn;
+};
+
+void on_event(ubus_context *, ubus_event_handler *ev, const char *, blob_attr *msg) {
+    static const blobmsg_policy policy[] = {
+        {.name = "name", .type = BLOBMSG_TYPE_STRING},
+        {.name = "state", .type = BLOBMSG_TYPE_STRING},
+    };
+    blob_attr *tb[2];
+    blobmsg_parse(policy, 2, tb, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    const auto *watcher = reinterpret_cast<Watcher *>(ev);
+    if (tb[0] && tb[1] && !(*watcher->fn)(blobmsg_get_string(tb[0]), blobmsg_get_string(tb[1])))
+        uloop_end();
+}
+
+} // namespace
+
+void Service::watch(const std::function<void()> &ready,
+                    const std::function<bool(const std::string &, const std::string &)> &fn) {
+    Watcher watcher{};
+    watcher.handler.cb = on_event;
+    watcher.fn = &fn;
+    if (const int status =
+            ubus_register_event_handler(ctx_, &watcher.handler, "resource.access-list"))
+        throw Unreachable(std::string("can't listen to announcements: ") + ubus_strerror(status));
+    ctx_->connection_lost = [](ubus_context *) { uloop_end(); };
+    ubus_add_uloop(ctx_);
+    ready();
+    uloop_run();
+    if (ctx_->sock.eof)
+        throw Unreachable("the message bus went away");
+}
+
+} // namespace ipaclctl

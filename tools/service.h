@@ -1,0 +1,74 @@
+// The service as the tool sees it: requests to "L.IPACL" and the text that comes back.
+#pragma once
+
+#include <libubus.h>
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace ipaclctl {
+
+// Something that makes going on pointless: no bus, no service, no answer.
+struct Unreachable : std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
+enum class Kind { kExtended, kStandard };
+
+const char *kind_name(Kind kind);
+
+// The attributes of a request; what is not set is not sent.
+struct Request {
+    std::optional<std::string> name;
+    std::optional<uint8_t> action;
+    std::optional<uint8_t> moudle;
+    std::optional<Kind> type;
+    std::optional<std::string> rule;
+    std::optional<uint32_t> handler;
+};
+
+struct Reply {
+    int status = 0;
+    std::string output; // what the service wrote to its terminal
+    bool truncated = false;
+};
+
+class Service {
+  public:
+    // Connects to the bus at `path` (empty: UBUS_SOCKET, or the bus's own place). `timeout` is for
+    // one call, in seconds.
+    Service(std::string path, int timeout);
+    ~Service();
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+
+    // Calls a method. When the bus or the service goes away, waits a while for it to come back
+    // and asks once more.
+    Reply call(const char *method, const Request &request);
+
+    // The same for requests whose text may be longer than a message: it comes through files.
+    std::string text(const char *method, Request request);
+
+    // The kind of a list, or none when there is no such list.
+    std::optional<Kind> kind_of(const std::string &name);
+
+    // Calls fn(list, state) for every announcement of a changed or removed list, until it returns
+    // false. `ready` is called once announcements are being heard.
+    void watch(const std::function<void()> &ready,
+               const std::function<bool(const std::string &, const std::string &)> &fn);
+
+  private:
+    void connect();
+    bool find_service();
+    bool come_back();
+    int try_call(const char *method, const Request &request, Reply &reply);
+
+    std::string path_;
+    int timeout_;
+    ubus_context *ctx_ = nullptr;
+    uint32_t id_ = 0;
+};
+
+} // namespace ipaclctl
