@@ -1,0 +1,234 @@
+// Every command of ipaclctl and what it says when it can't.
+
+#include "daemon.h"
+
+#include <cjson/cJSON.h>
+
+#include <csignal>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+class Tool : public System {
+  protected:
+    // The outcome of a load from standard input.
+    Outcome load(const std::string &text) { return ctl({"load", "-"}, text); }
+};
+
+TEST_F(Tool, LoadsFromAFileAndFromStandardInput) {
+    const Outcome loaded = ctl({"load", std::string(EXAMPLES) + "/branch-office.conf", "-v"});
+    EXPECT_EQ(loaded.status, 0);
+    EXPECT_EQ(loaded.errors, "4 lists, 49 rules, 0 errors\n");
+    EXPECT_EQ(load("ip access-list standard extra\n permit any\n").status, 0);
+    EXPECT_NE(running().find("ip access-list standard extra\n permit  any \n!\n"),
+              std::string::npos);
+}
+
+TEST_F(Tool, NamesFileAndLineOfWhatIsWrongAndGoesOn) {
+    const std::string file = write_file("bad.conf", "permit any\n"
+                                                    "ip access-list standard web\n"
+                                                    " permit 10.0.0.1\n"
+                                                    " permit 10.0.0.1\n"
+                                                    " permit\n"
+                                                    " merge-enable\n"
+                                                    " permit src-range 10.0.0.200 10.0.1.1\n"
+                                                    "# a comment\n"
+                                                    "\n"
+                                                    "!\n"
+                                                    "ip access-list extended web\n"
+                                                    " permit ip any any\n"
+                                                    "ip access-list standard abcdefghijklmnopqrstu\n"
+                                                    "ip access-list other web\n"
+                                                    "no ip access-list standard nowhere\n"
+                                                    "ip access-list extended app\n"
+                                                    " permit ip 10.0.0.0\n"
+                                                    " permit ip any any\n"
+                                                    " permit ip any any\n");
+    const Outcome loaded = ctl({"load", file});
+    EXPECT_EQ(loaded.status, 1);
+    const std::string at = file + ":";
+    EXPECT_EQ(
+        loaded.errors,
+        at + "1: a rule needs a list: put \"ip access-list standard|extended NAME\" first\n" + at +
+            "4: The rule has existed in the access list.\n" + at + "5: % Incomplete command.\n" +
+            at + "6: merge-enable can't be switched on through the bus\n" + at +
+            "7: the range 10.0.0.200 to 10.0.1.1 is refused: its last address must not come before "
+            "its first, and this device orders the addresses of a range by their last octet "
+            "first\n" +
+            at +
+            "11: there is a standard list of this name; destroy it first, or choose another name\n" +
+            at + "12: this line belongs to a list that could not be opened\n" + at +
+            "13: the name abcdefghijklmnopqrstu is too long: at most 20 characters are kept\n" + at +
+            "14: expected \"ip access-list standard|extended NAME\"\n" + at +
+            "15: there is no list nowhere\n" + at + "17: % Incomplete command.\n" + at +
+            "19: The rule has existed in the access list. The rule add fail.\n");
+    EXPECT_EQ(running(), "ip access-list extended app\n permit ip any any\n!\n"
+                         "ip access-list standard web\n permit  10.0.0.1 255.255.255.255\n!\n");
+}
+
+TEST_F(Tool, AMissingFileIsSaid) {
+    const Outcome loaded = ctl({"load", directory + "/none"});
+    EXPECT_EQ(loaded.status, 1);
+    EXPECT_EQ(loaded.errors,
+              "ipaclctl: can't read " + directory + "/none: No such file or directory\n");
+}
+
+TEST_F(Tool, ANoLineDestroysAList) {
+    load("ip access-list standard web\n permit any\n");
+    EXPECT_EQ(load("no ip access-list extended web\n").errors, "stdin:1: the list web is standard\n");
+    EXPECT_EQ(load("no ip access-list standard web\n").status, 0);
+    EXPECT_EQ(running(), "");
+}
+
+TEST_F(Tool, CreateRuleShowJsonAndDestroy) {
+    EXPECT_EQ(ctl({"create", "web", "--type", "standard"}).status, 0);
+    EXPECT_EQ(ctl({"create", "web", "--type", "extended"}).status, 1);
+    EXPECT_EQ(ctl({"rule", "web", "permit 10.0.0.1"}).status, 0);
+    const Outcome twice = ctl({"rule", "web", "permit 10.0.0.1"});
+    EXPECT_EQ(twice.status, 1);
+    EXPECT_EQ(twice.errors, "ipaclctl: The rule has existed in the access list.\n");
+    const std::string listing =
+        "Standard IP access list web\n Index          Rule content\n"
+        " --------------------------------------------------------------------\n"
+        "     1          permit 10.0.0.1 255.255.255.255\n";
+    EXPECT_EQ(ctl({"show", "web"}).output, listing);
+    EXPECT_EQ(ctl({"show"}).output, listing);
+    EXPECT_EQ(ctl({"json", "web"}).output, ctl({"json", "web", "--type", "standard"}).output);
+    cJSON *json = cJSON_Parse(ctl({"json"}).output.c_str());
+    ASSERT_EQ(cJSON_GetArraySize(json), 1);
+    EXPECT_STREQ(
+        cJSON_GetStringValue(cJSON_GetObjectItem(cJSON_GetArrayItem(json, 0), "IpAccessListName")),
+        "web");
+    cJSON_Delete(json);
+    EXPECT_EQ(ctl({"rule", "web", "no permit 10.0.0.1"}).status, 0);
+    EXPECT_EQ(ctl({"destroy", "web", "--type", "extended"}).status, 1);
+    EXPECT_EQ(ctl({"destroy", "web"}).status, 0);
+    EXPECT_EQ(ctl({"json"}).output, "[]\n");
+}
+
+TEST_F(Tool, AListThatIsNotThereIsSaid) {
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"show", "web"}, {"json", "web"}, {"destroy", "web"},
+          {"rule", "web", "permit any"}}) {
+        const Outcome outcome = ctl(command);
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.errors, "ipaclctl: there is no list web\n");
+    }
+}
+
+TEST_F(Tool, WrongUsageIsTwo) {
+    EXPECT_EQ(ctl({}).status, 2);
+    EXPECT_EQ(ctl({"nonsense"}).status, 2);
+    EXPECT_EQ(ctl({"create", "web"}).status, 2);
+    EXPECT_EQ(ctl({"create", "web", "--type", "other"}).status, 2);
+    EXPECT_EQ(ctl({"--help"}).status, 0);
+    EXPECT_EQ(ctl({"--version"}).status, 0);
+}
+
+TEST_F(Tool, NobodyToAskIsTwo) {
+    end_daemon(SIGTERM);
+    Outcome outcome = ctl({"running-config"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors,
+              "ipaclctl: the access-list service is not on the bus; is ipacl running?\n");
+    outcome = ctl({"-s", directory + "/none", "running-config"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "ipaclctl: no message bus at " + directory +
+                                  "/none: No such file or directory\n");
+}
+
+TEST_F(Tool, TextLongerThanAMessageArrivesWhole) {
+    std::string lists;
+    for (int part = 0; part < 20; part++) {
+        lists += "ip access-list extended part" + std::to_string(part) + "\n";
+        for (int i = 0; i < 700; i++)
+            lists += " permit tcp 10." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
+                     ".0 255.255.255.0 any eq www precedence 6 totallen lt 1500 ttl gt 1\n";
+        lists += "!\n";
+    }
+    ASSERT_EQ(load(lists).status, 0);
+    const std::string text = running();
+    EXPECT_GT(text.size(), 1024U * 1024);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 20 * 702);
+    EXPECT_TRUE(text.ends_with("!\n"));
+    // The same through a plain reply is cut at a line end, and says so.
+    Client client(socket_path);
+    const auto reply = client.call("showrunning");
+    EXPECT_TRUE(reply.truncated);
+    EXPECT_TRUE(text.starts_with(reply.output));
+    EXPECT_TRUE(reply.output.ends_with("\n"));
+    EXPECT_GT(reply.output.size(), 900U * 1024);
+    EXPECT_EQ(run({"/bin/ls", terminal_directory}, "", directory).output, "") << "files are left";
+}
+
+TEST_F(Tool, TwoAtATimeDoNotDisturbEachOther) {
+    std::string config = "ip access-list standard web\n";
+    for (int i = 0; i < 2000; i++)
+        config += " permit 10.0." + std::to_string(i / 200) + "." + std::to_string(i % 200) + "\n";
+    const std::string file = write_file("one.conf", config);
+    const pid_t other = fork();
+    if (other == 0) {
+        for (int i = 0; i < 20; i++)
+            if (ctl({"running-config"}).status != 0)
+                _exit(1);
+        _exit(0);
+    }
+    EXPECT_EQ(ctl({"load", file}).status, 0);
+    int status;
+    waitpid(other, &status, 0);
+    EXPECT_EQ(status, 0);
+    const std::string text = running();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2002);
+}
+
+TEST_F(Tool, WatchTellsWhatChangesAndGoes) {
+    const pid_t watcher = fork();
+    if (watcher == 0) {
+        const Outcome seen = ctl({"watch", "--count", "2"});
+        write_file("seen", seen.output);
+        _exit(seen.status);
+    }
+    // Announcements are heard once the listener's object is registered; make changes until then.
+    int status = 0;
+    for (int i = 0; i < 500 && waitpid(watcher, &status, WNOHANG) == 0; i++) {
+        ctl({"create", "web", "--type", "standard"});
+        ctl({"destroy", "web"});
+    }
+    EXPECT_EQ(status, 0);
+    const std::string seen = read_file("seen");
+    EXPECT_TRUE(seen == "web changed\nweb removed\n" || seen == "web removed\nweb changed\n")
+        << seen;
+}
+
+TEST_F(Tool, ALongLoadShowsItsProgressOnATerminal) {
+    std::string config;
+    for (int part = 0; part < 40; part++) {
+        config += "ip access-list standard l" + std::to_string(part) + "\n";
+        for (int i = 0; i < 1500; i++)
+            config +=
+                " permit 10.0." + std::to_string(i / 200) + "." + std::to_string(i % 200) + "\n";
+    }
+    const std::string file = write_file("long.conf", config);
+    int master;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        execl(TOOL, "ipaclctl", "load", file.c_str(), nullptr);
+        _exit(127);
+    }
+    std::string shown;
+    char buffer[4096];
+    for (ssize_t got; (got = read(master, buffer, sizeof buffer)) > 0;)
+        shown.append(buffer, static_cast<size_t>(got));
+    int status;
+    waitpid(pid, &status, 0);
+    close(master);
+    EXPECT_EQ(status, 0);
+    if (shown.empty())
+        GTEST_SKIP() << "this machine loads 60,000 rules within a second";
+    EXPECT_NE(shown.find(" of 60040 lines"), std::string::npos) << shown;
+    EXPECT_TRUE(shown.ends_with("\r\033[K")) << "the bar is not erased";
+}
+
+} // namespace
