@@ -5,6 +5,8 @@
 #include "obj_ipacl.h"
 #include "platform/syncinit.h"
 
+#include <cstdio>
+
 namespace {
 
 // Connects, publishes the object, listens for addresses and runs the loop until it is ended.
@@ -31,6 +33,7 @@ int run() {
 } // namespace
 
 int main() {
+    setvbuf(stdout, nullptr, _IOLBF, 0); // messages are to be seen when they are said
     const int status = run();
     ebus_disconnect();
     return status;

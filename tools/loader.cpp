@@ -3,6 +3,7 @@
 #include "ipacl/ipacl.h"
 #include "ipacl/obj_ipacl.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
@@ -51,8 +52,7 @@ std::string complaint(const Reply &reply) {
         std::string all = reply.output;
         while (!all.empty() && all.back() == '\n')
             all.pop_back();
-        for (size_t at; (at = all.find('\n')) != std::string::npos;)
-            all.replace(at, 1, " ");
+        std::replace(all.begin(), all.end(), '\n', ' ');
         return all;
     }
     return reply.status ? std::string("the service refused it: ") + ubus_strerror(reply.status)

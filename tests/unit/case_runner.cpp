@@ -1,10 +1,7 @@
-// Plays the conversations of tests/cases/*.case against the service on the fake platform.
-//
-// A case is a title line "# ...", commands "> ..." and, behind each command, what it is to cause,
-// one line each, between bars: T|terminal|  S|standard output|  L|system log|  B|announcement|
-// R|result|. A text that does not end with a line end has "\" as its last line's mark. A result
-// of 0 is not written. Run with --record to print the files as they would be right now.
+// Plays the conversations of tests/cases/*.case against the service on the fake platform. Run with
+// --record to write the files as they would be right now.
 
+#include "case_file.h"
 #include "fixture.h"
 
 #include "ipaclext.h"
@@ -23,41 +20,6 @@
 #include <sstream>
 
 namespace {
-
-std::string mark_lines(char channel, const std::string &text) {
-    std::string marked;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        const bool open = lines.eof();
-        marked += std::string(1, channel) + "|" + line + (open ? "\\" : "") + "|\n";
-    }
-    return marked;
-}
-
-// Words of a command line; the last field of a command may be the rest of the line.
-struct Words {
-    explicit Words(const std::string &line) : in(line) {}
-    std::string next() {
-        std::string word;
-        in >> word;
-        return word;
-    }
-    int number() { return static_cast<int>(strtol(next().c_str(), nullptr, 0)); }
-    std::string rest() {
-        std::string text;
-        std::getline(in >> std::ws, text);
-        return text;
-    }
-    std::istringstream in;
-};
-
-// A text as it is written in a case: "-" is none, "\t" and "\n" are what they say.
-std::string unescape(std::string text) {
-    for (const auto &[from, to] : {std::pair{"\\t", "\t"}, {"\\n", "\n"}})
-        for (size_t at; (at = text.find(from)) != std::string::npos;)
-            text.replace(at, 2, to);
-    return text;
-}
 
 // --- Fields of records, by name ---
 
@@ -161,55 +123,12 @@ int call(const std::string &method, blob_attr *message) {
     return 0;
 }
 
-// A rule record, or that many bytes of one, all zero.
-void add_record(blob_buf *buf, size_t size) {
-    blobmsg_add_field(buf, BLOBMSG_TYPE_UNSPEC, "rule_struct", std::string(size, '\0').data(),
-                      static_cast<unsigned>(size));
-}
-
-// Attributes "name=web action=1 ...", with rule= last, up to the end of the line.
-int request(Words &words) {
-    const std::string method = words.next();
+int request(const std::string &line) {
     blob_buf buf{};
-    blobmsg_buf_init(&buf);
-    std::string line = words.rest();
-    std::string rule;
-    const size_t rule_at = line.find("rule=");
-    const bool has_rule = rule_at != std::string::npos;
-    if (has_rule) {
-        rule = unescape(line.substr(rule_at + 5));
-        line.resize(rule_at);
-    }
-    Words attributes(line);
-    for (std::string pair; !(pair = attributes.next()).empty();) {
-        const std::string name = pair.substr(0, pair.find('='));
-        const std::string value = pair.substr(pair.find('=') + 1);
-        if (name == "name")
-            blobmsg_add_string(&buf, "name", value.c_str());
-        else if (name == "cmd_handler")
-            blobmsg_add_u32(&buf, "cmd_handler", static_cast<uint32_t>(std::stol(value)));
-        else if (name == "rule_struct")
-            add_record(&buf, value == "standard"   ? sizeof(ipacl_standard_rule)
-                             : value == "extended" ? sizeof(ipacl_extended_rule)
-                                                   : std::stoul(value));
-        else
-            blobmsg_add_u8(&buf, name.c_str(), static_cast<uint8_t>(std::stoi(value)));
-    }
-    if (has_rule)
-        blobmsg_add_string(&buf, "rule", rule.c_str());
+    const std::string method = fill_request(&buf, line);
     const int status = call(method, buf.head);
     blob_buf_free(&buf);
     return status;
-}
-
-int named_request(const char *method, int action, Words &words, const char *end = "") {
-    const std::string name = words.next(), type = words.next();
-    std::string line = std::string(method) + " name=" + name + " action=" +
-                       std::to_string(action) + " moudle=0 type=" + type + end;
-    if (action == IPACL_ACTION_EDIT)
-        line += " rule=" + words.rest();
-    Words composed(line);
-    return request(composed);
 }
 
 std::string terminal_file(const std::string &name) {
@@ -223,32 +142,10 @@ std::string terminal_file(const std::string &name) {
 int play(const std::string &line, std::string &terminal) {
     Words words(line);
     const std::string command = words.next();
-    if (command == "bus")
-        return request(words);
     if (command == "call-without-message")
         return call(words.next(), nullptr);
-    if (command == "create")
-        return named_request("create", IPACL_ACTION_CREATE, words);
-    if (command == "destroy")
-        return named_request("destroy", IPACL_ACTION_DELETE, words);
-    if (command == "rule")
-        return named_request("action", IPACL_ACTION_EDIT, words);
-    if (command == "exit")
-        return named_request("action", IPACL_ACTION_EXIT, words);
-    if (command == "show") {
-        Words composed("action action=4 moudle=0 name=" + words.next());
-        return request(composed);
-    }
-    if (command == "json") {
-        const std::string name = words.next();
-        Words composed("action action=5 moudle=0" +
-                       (name.empty() ? "" : " name=" + name + " type=" + words.next()));
-        return request(composed);
-    }
-    if (command == "running") {
-        Words composed("showrunning");
-        return request(composed);
-    }
+    if (const std::string asked = request_of(line); !asked.empty())
+        return request(asked);
     if (command == "std" || command == "ext") {
         const std::string name = words.next(), text = unescape(words.rest());
         return command == "std" ? do_standard_end(name.c_str(), text.c_str())
@@ -379,30 +276,6 @@ std::string outcome_of(const std::string &line) {
     return marked;
 }
 
-struct Step {
-    std::string command;
-    std::string expected;
-};
-
-struct Case {
-    std::string title;
-    std::vector<Step> steps;
-};
-
-std::vector<Case> read_cases(const std::filesystem::path &path) {
-    std::vector<Case> cases;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.starts_with("# "))
-            cases.push_back({line.substr(2), {}});
-        else if (line.starts_with("> "))
-            cases.back().steps.push_back({line.substr(2), ""});
-        else if (!line.empty())
-            cases.back().steps.back().expected += line + "\n";
-    }
-    return cases;
-}
-
 class CaseTest : public ServiceTest {
   public:
     explicit CaseTest(Case c) : case_(std::move(c)) {}
@@ -433,13 +306,6 @@ class Recorder : public ServiceTest {
         std::ofstream(path) << text.str();
     }
 };
-
-std::string identifier(const std::string &text) {
-    std::string name;
-    for (char c : text)
-        name += isalnum(static_cast<unsigned char>(c)) ? c : '_';
-    return name;
-}
 
 } // namespace
 
