@@ -132,8 +132,10 @@ void Service::connect() {
         throw Unreachable("no message bus at " + (path_.empty() ? UBUS_UNIX_SOCKET : path_) +
                           ": " + strerror(errno));
     ctx_->connection_lost = [](ubus_context *) {};
-    if (!find_service())
+    if (!find_service()) {
+        ubus_free(ctx_); // the destructor does not run for what was never made
         throw Unreachable("the access-list service is not on the bus; is ipacl running?");
+    }
 }
 
 bool Service::find_service() {

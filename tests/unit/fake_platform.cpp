@@ -19,7 +19,6 @@
 #include <linux/netlink.h>
 #include <map>
 #include <net/if.h>
-#include <regex>
 #include <set>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -67,9 +66,10 @@ struct State {
     Mutexes mutexes{0, 0, 0, 0, false, ""};
 };
 
-State state;
-std::set<void *> live;
-std::set<int> descriptors; // handed out by the fake socket()
+// Never destroyed: the system calls below are made until the very end of the process.
+State &state = *new State;
+std::set<void *> &live = *new std::set<void *>;
+std::set<int> &descriptors = *new std::set<int>; // handed out by the fake socket()
 int next_descriptor = 1000;
 
 std::string vformat(const char *fmt, va_list args) {
@@ -81,6 +81,19 @@ std::string vformat(const char *fmt, va_list args) {
     vsnprintf(text.data(), text.size(), fmt, args);
     text.pop_back();
     return text;
+}
+
+// Writes "*" for the number between `before` and `after`, where there is one.
+std::string mask_number(const std::string &text, const std::string &before,
+                        const std::string &after) {
+    const size_t end = text.find(after);
+    if (end == std::string::npos)
+        return text;
+    const size_t start = text.find_last_not_of("0123456789", end - 1) + 1;
+    if (start == end || start < before.size() ||
+        text.compare(start - before.size(), before.size(), before) != 0)
+        return text;
+    return text.substr(0, start) + "*" + text.substr(end);
 }
 
 template <class T>
@@ -130,13 +143,10 @@ void set_vty_prefix(const char *prefix) {
 }
 std::vector<LogLine> take_log() { return take(state.log); }
 std::string take_log_text() {
-    static const std::regex line_number(R"((\w+)\((\d+)\): )");
-    static const std::regex sync_line_number(R"(,(\d+),errno)");
     std::string all;
     for (const auto &line : take_log()) {
-        const std::string text = std::regex_replace(line.text, line_number, "$1(*): ");
         all += std::to_string(line.priority) + " " +
-               std::regex_replace(text, sync_line_number, ",*,errno");
+               mask_number(mask_number(line.text, "(", "): "), ",", ",errno");
         if (all.back() != '\n')
             all += '\n';
     }
@@ -399,7 +409,7 @@ ssize_t recvmsg(int, msghdr *message, int) {
     const auto bytes = state.datagrams.front();
     state.datagrams.erase(state.datagrams.begin());
     const size_t size = std::min(bytes.size(), message->msg_iov[0].iov_len);
-    memcpy(message->msg_iov[0].iov_base, bytes.data(), size);
+    std::copy_n(bytes.data(), size, static_cast<unsigned char *>(message->msg_iov[0].iov_base));
     return static_cast<ssize_t>(size);
 }
 
