@@ -60,7 +60,8 @@ void forget_list(const ipacl &list);
 // TCP flags and status.
 bool same_conditions(const ipacl_extended_rule &src, const ipacl_extended_rule &dst);
 
-// kept: an interface name of `dst` need only be a prefix of that of `src`; an empty one matches any.
+// kept: an interface name of `dst` need only be a prefix of that of `src`; an empty one matches
+// any.
 bool name_begins(const char *src, const char *dst);
 
 // Frees the rules of a list that goes.

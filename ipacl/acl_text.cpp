@@ -15,7 +15,7 @@ namespace acl_text {
 
 using Extra = Style::Extra;
 
-const Style kRunning{
+constexpr Style kRunningRow{
     .standard = {" permit ", " deny ", " remark  ", ""},
     .extended = {" permit", " deny  ", " remark  ", ""},
     .remark = Style::Remark::kWholeLine,
@@ -47,21 +47,17 @@ const Style kListing{
     .line_end = "\n",
 };
 
-const Style kCounted{
-    .standard = {" permit ", " deny ", " remark  ", ""},
-    .extended = {" permit", " deny  ", " remark  ", ""},
-    .remark = Style::Remark::kWholeLine,
-    .reverse_mask_word = " reverse-mask ",
-    .standard_mask_mark = "",
-    .extended_mask_mark = "",
-    .any_standard = " any ",
-    .dst_portrange_gap = " ",
-    .all_protocol_words = true,
-    .cos = " cos %d",
-    .tcp_flags = " tcp-flags 0x%x",
-    .extras = {Extra::kCos, Extra::kTcpFlags, Extra::kEstablished},
-    .line_end = "",
-};
+constexpr Style kCountedRow = [] {
+    Style style = kRunningRow;
+    style.extras[1] = Extra::kTcpFlags;
+    style.extras[2] = Extra::kEstablished;
+    style.line_end = "";
+    return style;
+}();
+
+// Constant from the start, whatever is initialised first.
+constinit const Style kRunning = kRunningRow;
+constinit const Style kCounted = kCountedRow;
 
 const Style kTrace{
     .standard = {"permit", "deny", "deny", "deny"},

@@ -48,10 +48,10 @@ struct Port {
 };
 
 inline constexpr Port kPorts[] = {
-    {"bgp", 179, kTcp},   {"ftp", 21, kTcp},
-    {"ftp-data", 20, kTcp}, // kept: "ftp" comes first, so this word reads as 21
-    {"login", 513, kTcp}, {"pop2", 109, kTcp},  {"pop3", 110, kTcp}, {"smtp", 25, kTcp},
-    {"telnet", 23, kTcp}, {"www", 80, kTcp},    {"domain", 53, kUdp}, {"snmp", 161, kUdp},
+    {"bgp", 179, kTcp},    {"ftp", 21, kTcp},   {"ftp-data", 20, kTcp}, // kept: "ftp" comes first,
+                                                                        // so this word reads as 21
+    {"login", 513, kTcp},  {"pop2", 109, kTcp}, {"pop3", 110, kTcp},    {"smtp", 25, kTcp},
+    {"telnet", 23, kTcp},  {"www", 80, kTcp},   {"domain", 53, kUdp},   {"snmp", 161, kUdp},
     {"syslog", 514, kUdp}, {"tftp", 69, kUdp},
 };
 
@@ -173,8 +173,8 @@ struct Option {
 
 using Packet = uint32_t (*)(const acl_info &);
 
-constexpr Option number(const char *word, uint16_t flag, uint8_t Extended::*byte,
-                        const char *json, Packet packet) {
+constexpr Option number(const char *word, uint16_t flag, uint8_t Extended::*byte, const char *json,
+                        Packet packet) {
     return {Option::kNumber, flag, word, nullptr, 0, byte, nullptr, nullptr, json, packet};
 }
 

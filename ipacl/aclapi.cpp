@@ -239,8 +239,8 @@ int delete_dynamic_ipacl(const char *aclname) {
         ACL_LOG_ERROR("hash_table index null(null = %d)!\n", static_cast<int>(index));
         return 0;
     }
-    ipacl **link = find_link(&hash_table[index],
-                             [&](const ipacl &l) { return strcmp(l.name, aclname) == 0; });
+    ipacl **link =
+        find_link(&hash_table[index], [&](const ipacl &l) { return strcmp(l.name, aclname) == 0; });
     if (!*link) {
         ACL_LOG_ERROR("ACL:%s not exist!\n", aclname);
         return 0;

@@ -24,8 +24,9 @@ bool in_range(const Rule &rule, const acl_words::Address<Rule> &fields, uint32_t
 
 template <class Rule>
 bool address_matches(const Rule &rule, const acl_words::Address<Rule> &fields, uint32_t ip) {
-    return fields.by_mask(rule) ? ((ip ^ (rule.*fields.addr).s_addr) & (rule.*fields.mask).s_addr) == 0
-                                : in_range(rule, fields, ip);
+    return fields.by_mask(rule)
+               ? ((ip ^ (rule.*fields.addr).s_addr) & (rule.*fields.mask).s_addr) == 0
+               : in_range(rule, fields, ip);
 }
 
 constexpr bool compared(uint16_t flag) {
@@ -88,8 +89,7 @@ bool option_matches(const ipacl_extended_rule &rule, const acl_info &info) {
     else if constexpr (option.shape == acl_words::Option::kChoice)
         return ((value ^ rule.*option.byte) & option.bit) == 0;
     else
-        return operators_hold<uint32_t>(rule.*option.op & ~IPACL_OP_NEQ, value,
-                                        rule.*option.value);
+        return operators_hold<uint32_t>(rule.*option.op & ~IPACL_OP_NEQ, value, rule.*option.value);
 }
 
 bool options_match(const ipacl_extended_rule &rule, const acl_info &info, bool frag) {
@@ -98,7 +98,8 @@ bool options_match(const ipacl_extended_rule &rule, const acl_info &info, bool f
         return false;
     return [&]<size_t... I>(std::index_sequence<I...>) {
         return (option_matches<I>(rule, info) && ...);
-    }(std::make_index_sequence<std::size(acl_words::kOptions)>());
+    }
+    (std::make_index_sequence<std::size(acl_words::kOptions)>());
 }
 
 bool rule_matches(const ipacl_extended_rule &rule, const acl_info &info, bool frag) {
@@ -228,11 +229,11 @@ uint32_t ipacl_check_extended(const acl_info *acl_info, const ipacl *acl, int fr
 
 uint32_t ipacl_check_standard_network(uint32_t addr, uint32_t mask, const ipacl *acl) {
     constexpr const auto &fields = acl_words::kStandardSource;
-    const auto *rule = first_match(
-        const_cast<const ipacl_standard_rule *>(acl->ipacl_s), [&](const ipacl_standard_rule &r) {
-            return address_matches(r, fields, addr) &&
-                   (!fields.by_mask(r) || r.srcmsk.s_addr <= mask);
-        });
+    const auto *rule = first_match(const_cast<const ipacl_standard_rule *>(acl->ipacl_s),
+                                   [&](const ipacl_standard_rule &r) {
+                                       return address_matches(r, fields, addr) &&
+                                              (!fields.by_mask(r) || r.srcmsk.s_addr <= mask);
+                                   });
     return verdict<ipacl_standard_rule>(acl->ipacl_s, rule);
 }
 

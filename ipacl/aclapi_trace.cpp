@@ -145,8 +145,7 @@ void ipacl_print_hash_table(void) {
             if (list->status != IPACL_STATUS_READY)
                 continue;
             dump_list(*list, ++number);
-            dump_copy(*list, list->p_mergeacl, "\n##### p_mergeacl info #####\n",
-                      "[p_merge: %p]");
+            dump_copy(*list, list->p_mergeacl, "\n##### p_mergeacl info #####\n", "[p_merge: %p]");
             dump_copy(*list, list->p_cleanacl, "\n##### p_cleanacl info #####\n", "[p_merge:%p]");
             sys_debug_print(SYS_MODULE_IPACL, kDumpLevel, "\n");
         }

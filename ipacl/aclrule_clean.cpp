@@ -53,8 +53,8 @@ ipacl *deepcopy_ipacl_ext_rule(const ipacl *base) {
 
 int deepcopy_ipacl_clean(const ipacl *base_ipacl, ipacl *dst_ipacl) {
     if (!base_ipacl || !dst_ipacl) {
-        LOG_MERGE(kLogError, 4143, "catch a null pointer!(errno = %d/%d)\n",
-                  acl::low32(base_ipacl), acl::low32(dst_ipacl));
+        LOG_MERGE(kLogError, 4143, "catch a null pointer!(errno = %d/%d)\n", acl::low32(base_ipacl),
+                  acl::low32(dst_ipacl));
         return IPACL_MERGE_RC_NULL_POINTER;
     }
     memcpy(dst_ipacl->name, base_ipacl->name, sizeof dst_ipacl->name);

@@ -33,8 +33,7 @@ int control_extended(ipacl &base, int &notify) {
         return IPACL_MERGE_RC_OK;
     if (base.p_mergeacl == &base) {
         LOG_CTRL(__LINE__, "system error!(errno = 0x%08x/0x%08x/0x%08x/0x%08x)\n",
-                 acl::low32(&base), acl::low32(base.p_mergeacl), base.merge_enable,
-                 base.is_change);
+                 acl::low32(&base), acl::low32(base.p_mergeacl), base.merge_enable, base.is_change);
         return IPACL_MERGE_RC_SYS_ERROR;
     }
     int result = IPACL_MERGE_RC_OK;

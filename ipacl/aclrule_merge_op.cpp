@@ -104,27 +104,19 @@ struct Key {
 };
 
 constexpr Key kKeys[] = {
-    {0x1111, Key::kBlocks},
-    {0x1112, Key::kContainsBFirst},
-    {0x1121, Key::kContainsBFirst},
-    {0x1122, Key::kContainsBFirst},
-    {0x1211, Key::kContainsBFirst},
-    {0x1212, Key::kContainedByBFirst},
-    {0x1221, Key::kNever},
-    {0x1222, Key::kContainsBFirst},
-    {0x2111, Key::kContainsBFirst},
-    {0x2112, Key::kNever},
-    {0x2121, Key::kContainsBFirst},
-    {0x2122, Key::kContainsBFirst},
-    {0x2211, Key::kContainsBFirst},
-    {0x2212, Key::kContainsBFirst},
-    {0x2221, Key::kContainsBFirst},
-    {0x2222, Key::kContainsBFirst},
+    {0x1111, Key::kBlocks},         {0x1112, Key::kContainsBFirst},
+    {0x1121, Key::kContainsBFirst}, {0x1122, Key::kContainsBFirst},
+    {0x1211, Key::kContainsBFirst}, {0x1212, Key::kContainedByBFirst},
+    {0x1221, Key::kNever},          {0x1222, Key::kContainsBFirst},
+    {0x2111, Key::kContainsBFirst}, {0x2112, Key::kNever},
+    {0x2121, Key::kContainsBFirst}, {0x2122, Key::kContainsBFirst},
+    {0x2211, Key::kContainsBFirst}, {0x2212, Key::kContainsBFirst},
+    {0x2221, Key::kContainsBFirst}, {0x2222, Key::kContainsBFirst},
 };
 
 Key::Rule rule_of(const ipacl_extended_rule &a, const ipacl_extended_rule &b) {
-    const int forms = a.src_compare_flag << 12 | b.src_compare_flag << 8 |
-                      a.dst_compare_flag << 4 | b.dst_compare_flag;
+    const int forms = a.src_compare_flag << 12 | b.src_compare_flag << 8 | a.dst_compare_flag << 4 |
+                      b.dst_compare_flag;
     for (const auto &key : kKeys)
         if (key.forms == forms)
             return key.rule;

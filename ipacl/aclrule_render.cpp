@@ -29,8 +29,8 @@ void for_each_active(const ipacl &list, F &&fn) {
 void write_active_rules(const ipacl &list, const acl_text::Style &style, int space) {
     TerminalSink terminal;
     int index = 1;
-    for_each_active(
-        list, [&](const auto &rule) { write_rule(terminal, style, rule, index, space); });
+    for_each_active(list,
+                    [&](const auto &rule) { write_rule(terminal, style, rule, index, space); });
 }
 
 // The units behind a hit counter. kept: of a standard rule only one is named.

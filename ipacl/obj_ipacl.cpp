@@ -110,8 +110,8 @@ void close_stream(FILE *&stream) {
 // Opens one output file of the terminal `handler` for appending, or leaves the stream null.
 void open_stream(FILE *&stream, int handler, int number) {
     char name[100] = {};
-    const int length = snprintf(name, sizeof name, "%s_%d_%d", vty_file_pre ? vty_file_pre : "",
-                                handler, number);
+    const int length =
+        snprintf(name, sizeof name, "%s_%d_%d", vty_file_pre ? vty_file_pre : "", handler, number);
     const bool usable = vty_file_pre && length > 0 && static_cast<size_t>(length) < sizeof name;
     stream = usable ? fopen(name, "a+") : nullptr;
     if (!stream)
@@ -210,9 +210,8 @@ int show_json(const Request &request) {
     const bool named = request.has(IPACL_NAME);
     if (named && !request.has(IPACL_TYPE))
         return UBUS_STATUS_INVALID_ARGUMENT;
-    return show_to_terminal(request, [&] {
-        ipacl_show_json(request.name(), named ? request.is_standard() : 0);
-    });
+    return show_to_terminal(
+        request, [&] { ipacl_show_json(request.name(), named ? request.is_standard() : 0); });
 }
 
 struct Dispatch {

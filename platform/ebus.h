@@ -19,8 +19,8 @@ struct ebus_request_s;
 /* Serves one request. `msg` is the attribute message, or null when the caller sent none; an integer
  * that came wider than the method's policy says was narrowed to it if the value fits. Attributes
  * put into `reply` (initialised, empty) go back to the caller. The result is the bus status. */
-typedef int (*ebus_handler_t)(struct ebus_request_s *req, const char *method,
-                              struct blob_attr *msg, struct blob_buf *reply);
+typedef int (*ebus_handler_t)(struct ebus_request_s *req, const char *method, struct blob_attr *msg,
+                              struct blob_buf *reply);
 
 struct ebus_invoke_method_s {
     const char *name;

@@ -29,7 +29,8 @@ extern const char *vty_file_pre;
 /* Makes `handler` this thread's print handler; 0 sets none. */
 void vty_set_handler(int handler);
 
-/* Writes a piece of a listing. Any length. Returns the number of characters, or a negative error. */
+/* Writes a piece of a listing. Any length. Returns the number of characters, or a negative error.
+ */
 int vty_printf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 /* Ends a listing. */

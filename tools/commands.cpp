@@ -69,8 +69,7 @@ int show_lists(Service &service, const std::optional<std::string> &name) {
     return 0;
 }
 
-int show_json(Service &service, const std::optional<std::string> &name,
-              std::optional<Kind> kind) {
+int show_json(Service &service, const std::optional<std::string> &name, std::optional<Kind> kind) {
     Request request = request_of(IPACL_ACTION_JSON);
     if (name) {
         if (!kind)

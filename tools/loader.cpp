@@ -207,7 +207,8 @@ std::string open_list(Service &service, const std::string &name, Kind kind) {
         return "";
     const auto found = service.kind_of(name);
     if (found && *found != kind)
-        return std::string("there is ") + (*found == Kind::kStandard ? "a standard" : "an extended") +
+        return std::string("there is ") +
+               (*found == Kind::kStandard ? "a standard" : "an extended") +
                " list of this name; destroy it first, or choose another name";
     return "the list " + name + " can't be opened for editing";
 }

@@ -129,8 +129,8 @@ Service::~Service() {
 void Service::connect() {
     ctx_ = ubus_connect(path_or_null(path_));
     if (!ctx_)
-        throw Unreachable("no message bus at " + (path_.empty() ? UBUS_UNIX_SOCKET : path_) +
-                          ": " + strerror(errno));
+        throw Unreachable("no message bus at " + (path_.empty() ? UBUS_UNIX_SOCKET : path_) + ": " +
+                          strerror(errno));
     ctx_->connection_lost = [](ubus_context *) {};
     if (!find_service()) {
         ubus_free(ctx_); // the destructor does not run for what was never made
@@ -200,8 +200,7 @@ std::optional<Kind> Service::kind_of(const std::string &name) {
     const cJSON *list;
     cJSON_ArrayForEach(list, lists.get()) {
         const char *listed = cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListName"));
-        const char *kind =
-            cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListAttribute"));
+        const char *kind = cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListAttribute"));
         if (listed && kind && name == listed)
             return strcmp(kind, "standard") == 0 ? Kind::kStandard : Kind::kExtended;
     }

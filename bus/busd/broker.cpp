@@ -332,8 +332,8 @@ std::optional<int> Broker::lookup(Client &client, const Message &message) {
     }
     const auto prefix = wanted->substr(0, wanted->size() - 1);
     int status = UBUS_STATUS_NOT_FOUND;
-    for (auto it = paths_.lower_bound(prefix);
-         it != paths_.end() && it->first.starts_with(prefix); ++it) {
+    for (auto it = paths_.lower_bound(prefix); it != paths_.end() && it->first.starts_with(prefix);
+         ++it) {
         send_object(client, message, *it->second);
         status = UBUS_STATUS_OK;
     }

@@ -133,8 +133,8 @@ void Broker::announce(const Object &object, const char *event) {
 
 // There are no access-control files: who may connect may do everything.
 int Broker::acl_query(Client &client, const Message &message) {
-    const std::string rules = named(BLOBMSG_TYPE_INT32, "seq", number_bytes(0)) +
-                              named(BLOBMSG_TYPE_ARRAY, "acl", "");
+    const std::string rules =
+        named(BLOBMSG_TYPE_INT32, "seq", number_bytes(0)) + named(BLOBMSG_TYPE_ARRAY, "acl", "");
     reply(client, message, UBUS_MSG_DATA,
           Body()
               .put(UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_ACL)

@@ -10,7 +10,9 @@ namespace {
 constexpr size_t kGrowth = 256;
 constexpr size_t kMax = BLOB_ATTR_LEN_MASK;
 
-size_t padded(size_t length) { return (length + BLOB_ATTR_ALIGN - 1) & ~size_t{BLOB_ATTR_ALIGN - 1}; }
+size_t padded(size_t length) {
+    return (length + BLOB_ATTR_ALIGN - 1) & ~size_t{BLOB_ATTR_ALIGN - 1};
+}
 
 size_t offset_of(const blob_buf *buf, const blob_attr *attr) {
     return static_cast<size_t>(reinterpret_cast<const char *>(attr) -
@@ -29,9 +31,8 @@ uint32_t word(int id, size_t length) {
 // Makes the open container `bytes` longer.
 void extend(blob_attr *container, size_t bytes) {
     const uint32_t now = be32_to_cpu(container->id_len);
-    container->id_len = cpu_to_be32(
-        (now & ~static_cast<uint32_t>(BLOB_ATTR_LEN_MASK)) |
-        ((now + static_cast<uint32_t>(bytes)) & BLOB_ATTR_LEN_MASK));
+    container->id_len = cpu_to_be32((now & ~static_cast<uint32_t>(BLOB_ATTR_LEN_MASK)) |
+                                    ((now + static_cast<uint32_t>(bytes)) & BLOB_ATTR_LEN_MASK));
 }
 
 // Room for `bytes` behind the open container; null when there is none.

@@ -42,9 +42,7 @@ void put_signature(Body &body, const ubus_object_type &type) {
 
 ubus_object *find_object(ubus_context *ctx, uint32_t id) {
     ubus_object *obj;
-    list_for_each_entry(obj, &ctx->objects.list_head, avl.list)
-        if (obj->id == id)
-            return obj;
+    list_for_each_entry(obj, &ctx->objects.list_head, avl.list) if (obj->id == id) return obj;
     return nullptr;
 }
 

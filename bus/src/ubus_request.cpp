@@ -52,9 +52,8 @@ void end_request(ubus_request *req, int status) {
 
 ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &header) {
     ubus_request *req;
-    list_for_each_entry(req, &ctx->requests, list)
-        if (req->seq == header.seq && req->peer == header.peer)
-            return req;
+    list_for_each_entry(req, &ctx->requests,
+                        list) if (req->seq == header.seq && req->peer == header.peer) return req;
     return nullptr;
 }
 
@@ -71,8 +70,7 @@ void on_lookup(ubus_request *req, int, blob_attr *root) {
     const auto *lookup = static_cast<const Lookup *>(req->priv);
     const Attributes tb(root);
     ubus_object_data data{0, 0, tb.text(UBUS_ATTR_OBJPATH), tb[UBUS_ATTR_SIGNATURE]};
-    if (!tb.get(UBUS_ATTR_OBJID, data.id) || !tb.get(UBUS_ATTR_OBJTYPE, data.type_id) ||
-        !data.path)
+    if (!tb.get(UBUS_ATTR_OBJID, data.id) || !tb.get(UBUS_ATTR_OBJTYPE, data.type_id) || !data.path)
         return;
     lookup->cb(req->ctx, &data, lookup->priv);
 }
@@ -139,7 +137,7 @@ int start_request(ubus_context *ctx, ubus_request *req, Body &body, int type, ui
     req->peer = peer;
     req->seq = ++ctx->request_seq;
     return send_message(ctx, type, req->seq, peer, body.root()) ? UBUS_STATUS_OK
-                                                               : UBUS_STATUS_INVALID_ARGUMENT;
+                                                                : UBUS_STATUS_INVALID_ARGUMENT;
 }
 
 int run_request(ubus_context *ctx, Body &body, int type, uint32_t peer, ubus_data_handler_t raw,

@@ -145,8 +145,12 @@ int uloop_init(void) {
         uloop_done();
         return -1;
     }
-    wake = {.cb = drain_pipe, .fd = wake_pipe[0], .eof = false, .error = false,
-            .registered = false, .flags = 0};
+    wake = {.cb = drain_pipe,
+            .fd = wake_pipe[0],
+            .eof = false,
+            .error = false,
+            .registered = false,
+            .flags = 0};
     if (uloop_fd_add(&wake, ULOOP_READ) < 0) {
         uloop_done();
         return -1;
@@ -274,8 +278,7 @@ int64_t uloop_timeout_remaining64(uloop_timeout *timeout) {
 int uloop_get_next_timeout(void) {
     if (list_empty(&timers))
         return -1;
-    const int64_t left =
-        milliseconds(now(), list_first_entry(&timers, uloop_timeout, list)->time);
+    const int64_t left = milliseconds(now(), list_first_entry(&timers, uloop_timeout, list)->time);
     return left < 0 ? 0 : left > INT32_MAX ? INT32_MAX : static_cast<int>(left);
 }
 

@@ -64,8 +64,8 @@ size_t inspect(const ebus_invoke_method_s &method, blob_attr *msg, bool &change)
     blob_for_each_attr(attr, msg, left) {
         if (!blobmsg_check_attr_len(attr, false, left))
             break;
-        change = change || (blob_is_extended(attr) &&
-                            narrowed_type(method, attr) != blobmsg_type(attr));
+        change =
+            change || (blob_is_extended(attr) && narrowed_type(method, attr) != blobmsg_type(attr));
     }
     return static_cast<size_t>(reinterpret_cast<const char *>(attr) - start);
 }

@@ -9,10 +9,8 @@
 namespace {
 
 const blobmsg_policy kPolicy[] = {
-    {.name = "s", .type = BLOBMSG_TYPE_STRING},
-    {.name = "b", .type = BLOBMSG_TYPE_INT8},
-    {.name = "u", .type = BLOBMSG_TYPE_UNSPEC},
-    {.name = nullptr, .type = BLOBMSG_TYPE_STRING},
+    {.name = "s", .type = BLOBMSG_TYPE_STRING}, {.name = "b", .type = BLOBMSG_TYPE_INT8},
+    {.name = "u", .type = BLOBMSG_TYPE_UNSPEC}, {.name = nullptr, .type = BLOBMSG_TYPE_STRING},
     {.name = "s", .type = BLOBMSG_TYPE_INT32},
 };
 
@@ -64,13 +62,13 @@ TEST_F(Parse, TheFirstOfAMatchingTypeWins) {
 }
 
 TEST_F(Parse, AMalformedAttributeEndsItAndWhatWasFoundStays) {
-    for (const char *bad : {"8700000a0001620001010000", // 8 bits in two bytes
-                            "830000080001730000000000", // a string of no bytes
-                            "8300000a0001730078780000", // no terminator
-                            "890000080001730000000000", // a type above the last
-                            "00000002",                 // a length below its word's
-                            "8300000a00ff730078000000", // a name beyond the attribute
-                            "8300000a0001737878000000", // no NUL behind the name
+    for (const char *bad : {"8700000a0001620001010000",    // 8 bits in two bytes
+                            "830000080001730000000000",    // a string of no bytes
+                            "8300000a0001730078780000",    // no terminator
+                            "890000080001730000000000",    // a type above the last
+                            "00000002",                    // a length below its word's
+                            "8300000a00ff730078000000",    // a name beyond the attribute
+                            "8300000a0001737878000000",    // no NUL behind the name
                             "8800000c0001640000000000"}) { // a double of four bytes
         EXPECT_EQ(parse(std::string(kB) + bad + kS), -1) << bad;
         EXPECT_NE(tb[1], nullptr) << bad;

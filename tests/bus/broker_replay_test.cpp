@@ -131,11 +131,10 @@ class Player {
                 bound_[role] = actual.substr(at, 4);
         }
         Bytes expected = substitute(exchange, line.bytes);
-        const bool own_number = line.type() == UBUS_MSG_NOTIFY ||
-                                line.type() == UBUS_MSG_UNSUBSCRIBE ||
-                                line.type() == UBUS_MSG_MONITOR ||
-                                (line.type() == UBUS_MSG_INVOKE && expected.substr(4, 4) ==
-                                                                       Bytes(4, '\0'));
+        const bool own_number =
+            line.type() == UBUS_MSG_NOTIFY || line.type() == UBUS_MSG_UNSUBSCRIBE ||
+            line.type() == UBUS_MSG_MONITOR ||
+            (line.type() == UBUS_MSG_INVOKE && expected.substr(4, 4) == Bytes(4, '\0'));
         if (own_number)
             expected.replace(2, 2, actual.substr(2, 2));
         EXPECT_EQ(to_hex(actual), to_hex(expected));

@@ -11,8 +11,14 @@
 namespace {
 
 Bytes message(int type, uint16_t seq, const Bytes &body, size_t root) {
-    Bytes bytes{'\0', static_cast<char>(type), static_cast<char>(seq >> 8),
-                static_cast<char>(seq & 0xFF), 0, 0, 0, 0};
+    Bytes bytes{'\0',
+                static_cast<char>(type),
+                static_cast<char>(seq >> 8),
+                static_cast<char>(seq & 0xFF),
+                0,
+                0,
+                0,
+                0};
     for (int shift : {24, 16, 8, 0})
         bytes.push_back(static_cast<char>(root >> shift & 0xFF));
     return bytes + body;
@@ -144,7 +150,10 @@ TEST_F(Broker, AnswersToACallerThatIsGoneVanish) {
             uloop_end();
             return 0;
         },
-        0, 0, nullptr, 0};
+        0,
+        0,
+        nullptr,
+        0};
     static ubus_object_type type = {"t", 0, &method, 0};
     object.name = "test";
     object.type = &type;

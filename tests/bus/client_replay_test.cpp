@@ -71,9 +71,12 @@ const blobmsg_policy policy[] = {
 };
 
 const ubus_method methods[] = {
-    UBUS_METHOD("create", serve_nothing, policy),    UBUS_METHOD("destroy", serve_status_2, policy),
-    UBUS_METHOD("action", serve_minus_1, policy),    UBUS_METHOD("gsync_init", serve_later, policy),
-    UBUS_METHOD("gsync_decode", serve_parts, policy), UBUS_METHOD("showrunning", serve_list, policy),
+    UBUS_METHOD("create", serve_nothing, policy),
+    UBUS_METHOD("destroy", serve_status_2, policy),
+    UBUS_METHOD("action", serve_minus_1, policy),
+    UBUS_METHOD("gsync_init", serve_later, policy),
+    UBUS_METHOD("gsync_decode", serve_parts, policy),
+    UBUS_METHOD("showrunning", serve_list, policy),
 };
 
 // What the library does in an exchange. It is on the side of `who`.
@@ -138,7 +141,8 @@ void notify(Side &s, uint32_t n, int timeout) {
 }
 
 void look_up(Side &s, const char *path) {
-    ubus_lookup(s.ctx, path, [](ubus_context *, ubus_object_data *, void *) {}, nullptr);
+    ubus_lookup(
+        s.ctx, path, [](ubus_context *, ubus_object_data *, void *) {}, nullptr);
 }
 
 void serve(Side &s) { // until the broker has heard the answer and closes
@@ -149,8 +153,7 @@ void serve(Side &s) { // until the broker has heard the answer and closes
 const Role kRoles[] = {
     {"connect_hello", 'C', "", [](Side &) {}},
     {"add_object", 'S', "", add_object},
-    {"add_object_anonymous", 'S', "",
-     [](Side &s) { ubus_add_object(s.ctx, &s.object); }},
+    {"add_object_anonymous", 'S', "", [](Side &s) { ubus_add_object(s.ctx, &s.object); }},
     {"lookup_object", 'C', "",
      [](Side &s) {
          uint32_t id = 0;

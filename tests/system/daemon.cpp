@@ -55,12 +55,12 @@ Outcome run(const std::vector<std::string> &command, const std::string &input,
     const std::string base =
         scratch + "/run" + std::to_string(getpid()) + "-" + std::to_string(++number);
     std::ofstream(base + ".in") << input;
-    const pid_t pid = spawn(command, (base + ".in").c_str(), (base + ".out").c_str(),
-                            (base + ".err").c_str());
+    const pid_t pid =
+        spawn(command, (base + ".in").c_str(), (base + ".out").c_str(), (base + ".err").c_str());
     int status;
     waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-            slurp(base + ".out"), slurp(base + ".err")};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(base + ".out"),
+            slurp(base + ".err")};
 }
 
 System::System() {

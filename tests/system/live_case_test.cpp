@@ -16,8 +16,8 @@ std::string live_request(const std::string &line) {
     if (line.starts_with("std ") || line.starts_with("ext ")) {
         Words words(line);
         const std::string kind = words.next(), name = words.next();
-        return "action action=1 moudle=0 name=" + name +
-               " type=" + (kind == "std" ? "1" : "0") + " rule=" + words.rest();
+        return "action action=1 moudle=0 name=" + name + " type=" + (kind == "std" ? "1" : "0") +
+               " rule=" + words.rest();
     }
     return request_of(line);
 }
@@ -88,8 +88,8 @@ const int registered = [] {
             if (std::any_of(c.steps.begin(), c.steps.end(), needs_fakes))
                 continue;
             testing::RegisterTest(identifier("Live_" + entry.path().stem().string()).c_str(),
-                                  identifier(c.title).c_str(), nullptr, nullptr, __FILE__,
-                                  __LINE__, [c]() -> System * { return new LiveCase(c); });
+                                  identifier(c.title).c_str(), nullptr, nullptr, __FILE__, __LINE__,
+                                  [c]() -> System * { return new LiveCase(c); });
             count++;
         }
     }

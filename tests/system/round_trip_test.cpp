@@ -28,8 +28,8 @@ class Generator {
     }
 
     std::string extended() {
-        const std::string protocol = pick({"gre", "ip", "ospf", "icmp", "igmp", "tcp", "udp", "sctp",
-                                           "0", "50", "255"});
+        const std::string protocol =
+            pick({"gre", "ip", "ospf", "icmp", "igmp", "tcp", "udp", "sctp", "0", "50", "255"});
         const bool ports = protocol == "tcp" || protocol == "udp";
         return pick({"permit ", "deny "}) + protocol + side("src", ports, protocol) +
                side("dst", ports, protocol) + options();

@@ -27,25 +27,26 @@ TEST_F(Tool, LoadsFromAFileAndFromStandardInput) {
 }
 
 TEST_F(Tool, NamesFileAndLineOfWhatIsWrongAndGoesOn) {
-    const std::string file = write_file("bad.conf", "permit any\n"
-                                                    "ip access-list standard web\n"
-                                                    " permit 10.0.0.1\n"
-                                                    " permit 10.0.0.1\n"
-                                                    " permit\n"
-                                                    " merge-enable\n"
-                                                    " permit src-range 10.0.0.200 10.0.1.1\n"
-                                                    "# a comment\n"
-                                                    "\n"
-                                                    "!\n"
-                                                    "ip access-list extended web\n"
-                                                    " permit ip any any\n"
-                                                    "ip access-list standard abcdefghijklmnopqrstu\n"
-                                                    "ip access-list other web\n"
-                                                    "no ip access-list standard nowhere\n"
-                                                    "ip access-list extended app\n"
-                                                    " permit ip 10.0.0.0\n"
-                                                    " permit ip any any\n"
-                                                    " permit ip any any\n");
+    const std::string file =
+        write_file("bad.conf", "permit any\n"
+                               "ip access-list standard web\n"
+                               " permit 10.0.0.1\n"
+                               " permit 10.0.0.1\n"
+                               " permit\n"
+                               " merge-enable\n"
+                               " permit src-range 10.0.0.200 10.0.1.1\n"
+                               "# a comment\n"
+                               "\n"
+                               "!\n"
+                               "ip access-list extended web\n"
+                               " permit ip any any\n"
+                               "ip access-list standard abcdefghijklmnopqrstu\n"
+                               "ip access-list other web\n"
+                               "no ip access-list standard nowhere\n"
+                               "ip access-list extended app\n"
+                               " permit ip 10.0.0.0\n"
+                               " permit ip any any\n"
+                               " permit ip any any\n");
     const Outcome loaded = ctl({"load", file});
     EXPECT_EQ(loaded.status, 1);
     const std::string at = file + ":";
@@ -58,10 +59,11 @@ TEST_F(Tool, NamesFileAndLineOfWhatIsWrongAndGoesOn) {
             "its first, and this device orders the addresses of a range by their last octet "
             "first\n" +
             at +
-            "11: there is a standard list of this name; destroy it first, or choose another name\n" +
+            "11: there is a standard list of this name; destroy it first, or choose another "
+            "name\n" +
             at + "12: this line belongs to a list that could not be opened\n" + at +
-            "13: the name abcdefghijklmnopqrstu is too long: at most 20 characters are kept\n" + at +
-            "14: expected \"ip access-list standard|extended NAME\"\n" + at +
+            "13: the name abcdefghijklmnopqrstu is too long: at most 20 characters are kept\n" +
+            at + "14: expected \"ip access-list standard|extended NAME\"\n" + at +
             "15: there is no list nowhere\n" + at + "17: % Incomplete command.\n" + at +
             "19: The rule has existed in the access list. The rule add fail.\n");
     EXPECT_EQ(running(), "ip access-list extended app\n permit ip any any\n!\n"
@@ -77,7 +79,8 @@ TEST_F(Tool, AMissingFileIsSaid) {
 
 TEST_F(Tool, ANoLineDestroysAList) {
     load("ip access-list standard web\n permit any\n");
-    EXPECT_EQ(load("no ip access-list extended web\n").errors, "stdin:1: the list web is standard\n");
+    EXPECT_EQ(load("no ip access-list extended web\n").errors,
+              "stdin:1: the list web is standard\n");
     EXPECT_EQ(load("no ip access-list standard web\n").status, 0);
     EXPECT_EQ(running(), "");
 }
@@ -109,9 +112,10 @@ TEST_F(Tool, CreateRuleShowJsonAndDestroy) {
 }
 
 TEST_F(Tool, AListThatIsNotThereIsSaid) {
-    for (const std::vector<std::string> &command :
-         {std::vector<std::string>{"show", "web"}, {"json", "web"}, {"destroy", "web"},
-          {"rule", "web", "permit any"}}) {
+    for (const std::vector<std::string> &command : {std::vector<std::string>{"show", "web"},
+                                                    {"json", "web"},
+                                                    {"destroy", "web"},
+                                                    {"rule", "web", "permit any"}}) {
         const Outcome outcome = ctl(command);
         EXPECT_EQ(outcome.status, 1);
         EXPECT_EQ(outcome.errors, "ipaclctl: there is no list web\n");
@@ -135,8 +139,8 @@ TEST_F(Tool, NobodyToAskIsTwo) {
               "ipaclctl: the access-list service is not on the bus; is ipacl running?\n");
     outcome = ctl({"-s", directory + "/none", "running-config"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "ipaclctl: no message bus at " + directory +
-                                  "/none: No such file or directory\n");
+    EXPECT_EQ(outcome.errors,
+              "ipaclctl: no message bus at " + directory + "/none: No such file or directory\n");
 }
 
 TEST_F(Tool, TextLongerThanAMessageArrivesWhole) {

@@ -82,8 +82,8 @@ inline std::string fill_request(blob_buf *buf, const std::string &text) {
             blobmsg_add_u32(buf, "cmd_handler", static_cast<uint32_t>(std::stol(value)));
         else if (name == "rule_struct")
             add_record(buf, value == "standard"   ? sizeof(ipacl_standard_rule)
-                             : value == "extended" ? sizeof(ipacl_extended_rule)
-                                                   : std::stoul(value));
+                            : value == "extended" ? sizeof(ipacl_extended_rule)
+                                                  : std::stoul(value));
         else
             blobmsg_add_u8(buf, name.c_str(), static_cast<uint8_t>(std::stoi(value)));
     }

@@ -46,33 +46,50 @@ void set_field(void *record, const std::string &value) {
         field = static_cast<Field>(strtoull(value.c_str(), nullptr, 0));
 }
 
-#define FIELD(record, name) {#name, set_field<&record::name, record>}
+#define FIELD(record, name)                                                                        \
+    { #name, set_field < &record::name, record> }
 
 const std::map<std::string, Setter> kStandardFields = {
-    FIELD(ipacl_standard_rule, srcaddr),        FIELD(ipacl_standard_rule, srcmsk),
-    FIELD(ipacl_standard_rule, flags),          FIELD(ipacl_standard_rule, src_begin_addr),
-    FIELD(ipacl_standard_rule, src_end_addr),   FIELD(ipacl_standard_rule, compare_flag),
-    FIELD(ipacl_standard_rule, any_flag),       FIELD(ipacl_standard_rule, status),
-    FIELD(ipacl_standard_rule, remark),         FIELD(ipacl_standard_rule, stat_count),
+    FIELD(ipacl_standard_rule, srcaddr),      FIELD(ipacl_standard_rule, srcmsk),
+    FIELD(ipacl_standard_rule, flags),        FIELD(ipacl_standard_rule, src_begin_addr),
+    FIELD(ipacl_standard_rule, src_end_addr), FIELD(ipacl_standard_rule, compare_flag),
+    FIELD(ipacl_standard_rule, any_flag),     FIELD(ipacl_standard_rule, status),
+    FIELD(ipacl_standard_rule, remark),       FIELD(ipacl_standard_rule, stat_count),
 };
 
 const std::map<std::string, Setter> kExtendedFields = {
-    FIELD(ipacl_extended_rule, protcol),         FIELD(ipacl_extended_rule, src_vlan_name),
-    FIELD(ipacl_extended_rule, srcaddr),         FIELD(ipacl_extended_rule, srcmsk),
-    FIELD(ipacl_extended_rule, src_port),        FIELD(ipacl_extended_rule, src_port_flags),
-    FIELD(ipacl_extended_rule, src_begin_port),  FIELD(ipacl_extended_rule, src_end_port),
-    FIELD(ipacl_extended_rule, dst_vlan_name),   FIELD(ipacl_extended_rule, dstaddr),
-    FIELD(ipacl_extended_rule, dstmsk),          FIELD(ipacl_extended_rule, dst_port),
-    FIELD(ipacl_extended_rule, dst_port_flags),  FIELD(ipacl_extended_rule, dst_begin_port),
-    FIELD(ipacl_extended_rule, dst_end_port),    FIELD(ipacl_extended_rule, src_compare_flag),
-    FIELD(ipacl_extended_rule, dst_compare_flag), FIELD(ipacl_extended_rule, src_any_flag),
-    FIELD(ipacl_extended_rule, dst_any_flag),    FIELD(ipacl_extended_rule, time_range),
-    FIELD(ipacl_extended_rule, flags),           FIELD(ipacl_extended_rule, tcpflags),
-    FIELD(ipacl_extended_rule, cosflag),         FIELD(ipacl_extended_rule, cos),
-    FIELD(ipacl_extended_rule, fragment_flags),  FIELD(ipacl_extended_rule, offset_flags),
-    FIELD(ipacl_extended_rule, totallen_flags),  FIELD(ipacl_extended_rule, ttl_flags),
-    FIELD(ipacl_extended_rule, status),          FIELD(ipacl_extended_rule, remark),
-    FIELD(ipacl_extended_rule, stat_count),      FIELD(ipacl_extended_rule, is_act),
+    FIELD(ipacl_extended_rule, protcol),
+    FIELD(ipacl_extended_rule, src_vlan_name),
+    FIELD(ipacl_extended_rule, srcaddr),
+    FIELD(ipacl_extended_rule, srcmsk),
+    FIELD(ipacl_extended_rule, src_port),
+    FIELD(ipacl_extended_rule, src_port_flags),
+    FIELD(ipacl_extended_rule, src_begin_port),
+    FIELD(ipacl_extended_rule, src_end_port),
+    FIELD(ipacl_extended_rule, dst_vlan_name),
+    FIELD(ipacl_extended_rule, dstaddr),
+    FIELD(ipacl_extended_rule, dstmsk),
+    FIELD(ipacl_extended_rule, dst_port),
+    FIELD(ipacl_extended_rule, dst_port_flags),
+    FIELD(ipacl_extended_rule, dst_begin_port),
+    FIELD(ipacl_extended_rule, dst_end_port),
+    FIELD(ipacl_extended_rule, src_compare_flag),
+    FIELD(ipacl_extended_rule, dst_compare_flag),
+    FIELD(ipacl_extended_rule, src_any_flag),
+    FIELD(ipacl_extended_rule, dst_any_flag),
+    FIELD(ipacl_extended_rule, time_range),
+    FIELD(ipacl_extended_rule, flags),
+    FIELD(ipacl_extended_rule, tcpflags),
+    FIELD(ipacl_extended_rule, cosflag),
+    FIELD(ipacl_extended_rule, cos),
+    FIELD(ipacl_extended_rule, fragment_flags),
+    FIELD(ipacl_extended_rule, offset_flags),
+    FIELD(ipacl_extended_rule, totallen_flags),
+    FIELD(ipacl_extended_rule, ttl_flags),
+    FIELD(ipacl_extended_rule, status),
+    FIELD(ipacl_extended_rule, remark),
+    FIELD(ipacl_extended_rule, stat_count),
+    FIELD(ipacl_extended_rule, is_act),
 };
 
 const std::map<std::string, Setter> kListFields = {
@@ -319,8 +336,8 @@ int main(int argc, char **argv) {
         }
         for (const auto &c : read_cases(entry.path()))
             testing::RegisterTest(identifier("Case_" + entry.path().stem().string()).c_str(),
-                                  identifier(c.title).c_str(), nullptr, nullptr, __FILE__,
-                                  __LINE__, [c]() -> ServiceTest * { return new CaseTest(c); });
+                                  identifier(c.title).c_str(), nullptr, nullptr, __FILE__, __LINE__,
+                                  [c]() -> ServiceTest * { return new CaseTest(c); });
     }
     return record ? 0 : RUN_ALL_TESTS();
 }

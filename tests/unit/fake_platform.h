@@ -17,10 +17,10 @@ namespace fake {
 void reset();
 
 // --- Terminal: text written without a handler, in order; taking it clears it. ---
-std::string take_terminal(); // vty_printf and vty_output together
-std::string take_listing();  // vty_printf alone (clears nothing else)
-std::string take_answers();  // vty_output alone (clears nothing else)
-int printf_calls();          // calls of vty_printf since reset
+std::string take_terminal();    // vty_printf and vty_output together
+std::string take_listing();     // vty_printf alone (clears nothing else)
+std::string take_answers();     // vty_output alone (clears nothing else)
+int printf_calls();             // calls of vty_printf since reset
 std::vector<int> printf_ends(); // arguments of vty_printf_end since reset
 // With a handler set, text goes to log_print_fp_0 and log_print_fp_1 as the real library does.
 void set_vty_prefix(const char *prefix); // becomes vty_file_pre at vty_set_handler; may be null
@@ -64,9 +64,9 @@ void set_sync_result(int32_t result); // what resource_synchronize returns from 
 
 // --- Memory: sys_mem_malloc and sys_mem_free. Blocks are filled with garbage. ---
 size_t live_blocks();
-size_t allocations();           // since reset, failed ones included
+size_t allocations();             // since reset, failed ones included
 std::vector<size_t> take_sizes(); // sizes asked for since reset or the last take
-void fail_allocation(int nth);  // the nth allocation from now (1: the next) fails, once
+void fail_allocation(int nth);    // the nth allocation from now (1: the next) fails, once
 void fail_all_allocations(bool on);
 
 // --- Mutex, yield, watchdog ---
@@ -89,9 +89,9 @@ struct Sockets {
 Sockets sockets();
 void fail_socket(bool on); // socket() returns -1 from now on
 void fail_bind(int result);
-int bound_groups();                                // nl_groups of the last bind, -1 if none
-int bound_length();                                // address length of the last bind
-std::vector<std::string> take_looked_up();         // interface names asked by ioctl, in order
+int bound_groups();                                    // nl_groups of the last bind, -1 if none
+int bound_length();                                    // address length of the last bind
+std::vector<std::string> take_looked_up();             // interface names asked by ioctl, in order
 void queue_datagram(std::vector<unsigned char> bytes); // what the next recvmsg returns
 void fail_recvmsg(bool on);
 unsigned take_slept(); // microseconds given to usleep

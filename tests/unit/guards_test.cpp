@@ -156,12 +156,13 @@ TEST_F(Guards, CreateAllocatesOneRecordOfItsKind) {
         EXPECT_EQ(ipacl_create(nullptr, "create", buf.head, nullptr), 0);
         blob_buf_free(&buf);
     }
-    EXPECT_EQ(fake::take_sizes(), (std::vector<size_t>{sizeof(ipacl_standard_rule),
-                                                       sizeof(ipacl_extended_rule)}));
+    EXPECT_EQ(fake::take_sizes(),
+              (std::vector<size_t>{sizeof(ipacl_standard_rule), sizeof(ipacl_extended_rule)}));
 }
 
 TEST_F(Guards, ThePolicyAndTheMethodsStandInTheirOrder) {
-    const char *names[] = {"name", "action", "moudle", "type", "rule", "rule_struct", "cmd_handler"};
+    const char *names[] = {"name", "action",      "moudle",     "type",
+                           "rule", "rule_struct", "cmd_handler"};
     const int types[] = {BLOBMSG_TYPE_STRING, BLOBMSG_TYPE_INT8,   BLOBMSG_TYPE_INT8,
                          BLOBMSG_TYPE_INT8,   BLOBMSG_TYPE_STRING, BLOBMSG_TYPE_UNSPEC,
                          BLOBMSG_TYPE_INT32};
@@ -169,8 +170,8 @@ TEST_F(Guards, ThePolicyAndTheMethodsStandInTheirOrder) {
         EXPECT_STREQ(ipacl_policy[i].name, names[i]);
         EXPECT_EQ(ipacl_policy[i].type, types[i]);
     }
-    const char *methods[] = {"create", "destroy", "action", "gsync_init", "gsync_decode",
-                             "showrunning"};
+    const char *methods[] = {"create",     "destroy",      "action",
+                             "gsync_init", "gsync_decode", "showrunning"};
     EXPECT_STREQ(ipacl_object.name, "L.IPACL");
     ASSERT_EQ(ipacl_object.n_methods, 6);
     for (int i = 0; i < 6; i++)
@@ -183,10 +184,10 @@ TEST_F(Guards, JsonIsAnArrayOfObjectsOfStringsWithTheSameKeys) {
     ipacl_show_json("e", 0);
     cJSON *array = cJSON_Parse(fake::take_terminal().c_str());
     ASSERT_EQ(cJSON_GetArraySize(array), 2);
-    const char *keys[] = {"Authority",       "MaskType",       "ProtocolNumber", "SrcAddress",
-                          "SrcPort",         "DstAddress",     "DstPort",        "TimeRange",
-                          "Tos",             "Precedence",     "NotFragmentFlag", "FragmentPacket",
-                          "Offset",          "LengthIpPacket", "LiveTime",       "RecordLog"};
+    const char *keys[] = {"Authority", "MaskType",       "ProtocolNumber",  "SrcAddress",
+                          "SrcPort",   "DstAddress",     "DstPort",         "TimeRange",
+                          "Tos",       "Precedence",     "NotFragmentFlag", "FragmentPacket",
+                          "Offset",    "LengthIpPacket", "LiveTime",        "RecordLog"};
     const cJSON *object;
     cJSON_ArrayForEach(object, array) {
         ASSERT_EQ(cJSON_GetArraySize(object), 16);

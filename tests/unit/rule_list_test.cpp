@@ -262,7 +262,10 @@ struct Change {
     std::function<void(Ext &)> set;
 };
 
-#define CHANGE(field, value) {#field, [](Ext &r) { r.field = value; }}
+#define CHANGE(field, value)                                                                       \
+    {                                                                                              \
+#field, [](Ext & r) { r.field = value; }                                                   \
+    }
 
 class Equality : public testing::Test {
   protected:
@@ -275,14 +278,29 @@ class Equality : public testing::Test {
 
 TEST_F(Equality, EveryComparedFieldIsSeen) {
     const Change changes[] = {
-        CHANGE(protcol, 6),          CHANGE(srcaddr.s_addr, 7),        CHANGE(srcmsk.s_addr, 7),
-        CHANGE(dstaddr.s_addr, 7),   CHANGE(dstmsk.s_addr, 7),         CHANGE(flags, 2),
-        CHANGE(src_port_flags, 4),   CHANGE(dst_port_flags, 4),        CHANGE(cosflag, 1),
-        CHANGE(cos, 1),              CHANGE(tcpflags, 1),              CHANGE(src_begin_addr.s_addr, 7),
-        CHANGE(src_end_addr.s_addr, 7), CHANGE(dst_begin_addr.s_addr, 7),
-        CHANGE(dst_end_addr.s_addr, 7), CHANGE(src_compare_flag, 2),   CHANGE(dst_compare_flag, 2),
-        CHANGE(src_begin_port, 1),   CHANGE(src_end_port, 1),          CHANGE(dst_begin_port, 1),
-        CHANGE(dst_end_port, 1),     CHANGE(src_any_flag, 1),          CHANGE(dst_any_flag, 1),
+        CHANGE(protcol, 6),
+        CHANGE(srcaddr.s_addr, 7),
+        CHANGE(srcmsk.s_addr, 7),
+        CHANGE(dstaddr.s_addr, 7),
+        CHANGE(dstmsk.s_addr, 7),
+        CHANGE(flags, 2),
+        CHANGE(src_port_flags, 4),
+        CHANGE(dst_port_flags, 4),
+        CHANGE(cosflag, 1),
+        CHANGE(cos, 1),
+        CHANGE(tcpflags, 1),
+        CHANGE(src_begin_addr.s_addr, 7),
+        CHANGE(src_end_addr.s_addr, 7),
+        CHANGE(dst_begin_addr.s_addr, 7),
+        CHANGE(dst_end_addr.s_addr, 7),
+        CHANGE(src_compare_flag, 2),
+        CHANGE(dst_compare_flag, 2),
+        CHANGE(src_begin_port, 1),
+        CHANGE(src_end_port, 1),
+        CHANGE(dst_begin_port, 1),
+        CHANGE(dst_end_port, 1),
+        CHANGE(src_any_flag, 1),
+        CHANGE(dst_any_flag, 1),
         CHANGE(status, 0),
     };
     for (const auto &change : changes)
@@ -291,15 +309,26 @@ TEST_F(Equality, EveryComparedFieldIsSeen) {
 
 TEST_F(Equality, WhatIsNotComparedIsNotSeen) {
     const Change changes[] = {
-        CHANGE(is_act, 1),         CHANGE(port_precedence, 1), CHANGE(global_precedence, 1),
-        CHANGE(vlan_precedence, 1), CHANGE(slot_precedence, 1), CHANGE(stat_count, 1),
+        CHANGE(is_act, 1),
+        CHANGE(port_precedence, 1),
+        CHANGE(global_precedence, 1),
+        CHANGE(vlan_precedence, 1),
+        CHANGE(slot_precedence, 1),
+        CHANGE(stat_count, 1),
         CHANGE(remark, reinterpret_cast<char *>(1)),
         CHANGE(ipacl_next, reinterpret_cast<Ext *>(1)),
         // without their flag
-        CHANGE(src_port, 1),       CHANGE(dst_port, 1),        CHANGE(tos, 1),
-        CHANGE(precedence, 1),     CHANGE(fragment_flags, 3),  CHANGE(offset_flags, 1),
-        CHANGE(totallen, 1),       CHANGE(totallen_flags, 1),  CHANGE(ttl, 1),
-        CHANGE(ttl_flags, 1),      CHANGE(time_range[0], 'x'),
+        CHANGE(src_port, 1),
+        CHANGE(dst_port, 1),
+        CHANGE(tos, 1),
+        CHANGE(precedence, 1),
+        CHANGE(fragment_flags, 3),
+        CHANGE(offset_flags, 1),
+        CHANGE(totallen, 1),
+        CHANGE(totallen_flags, 1),
+        CHANGE(ttl, 1),
+        CHANGE(ttl_flags, 1),
+        CHANGE(time_range[0], 'x'),
     };
     for (const auto &change : changes)
         EXPECT_FALSE(differs(extended(1), change)) << change.field;
@@ -362,9 +391,12 @@ TEST_F(RuleList, TheShorterInterfaceNameIsTheDuplicateButNotTheOtherWayAbout) {
 
 TEST(StandardEquality, ComparesSevenFields) {
     const std::function<void(Std &)> changes[] = {
-        [](Std &r) { r.srcaddr.s_addr = 7; },      [](Std &r) { r.srcmsk.s_addr = 7; },
-        [](Std &r) { r.flags = 2; },               [](Std &r) { r.compare_flag = 2; },
-        [](Std &r) { r.src_begin_addr.s_addr = 7; }, [](Std &r) { r.src_end_addr.s_addr = 7; },
+        [](Std &r) { r.srcaddr.s_addr = 7; },
+        [](Std &r) { r.srcmsk.s_addr = 7; },
+        [](Std &r) { r.flags = 2; },
+        [](Std &r) { r.compare_flag = 2; },
+        [](Std &r) { r.src_begin_addr.s_addr = 7; },
+        [](Std &r) { r.src_end_addr.s_addr = 7; },
         [](Std &r) { r.any_flag = 7; },
     };
     ipacl list{};
@@ -482,9 +514,8 @@ TEST(Copies, TheDestinationKeepsWhatIsItsOwn) {
     EXPECT_EQ(dst.status, 1);
     EXPECT_EQ(dst.remark, mine);
     EXPECT_EQ(dst.stat_count, 2U);
-    EXPECT_EQ(dst.port_precedence + dst.global_precedence + dst.vlan_precedence +
-                  dst.slot_precedence,
-              8);
+    EXPECT_EQ(
+        dst.port_precedence + dst.global_precedence + dst.vlan_precedence + dst.slot_precedence, 8);
     EXPECT_EQ(dst.ipacl_next, nullptr);
 }
 

@@ -15,10 +15,9 @@ using Calls = std::vector<std::string>;
 
 TEST_F(Startup, EverythingInOrder) {
     EXPECT_EQ(ipacl_daemon_main(), 0);
-    EXPECT_EQ(fake::take_calls(),
-              (Calls{"ebus_connect", "uloop_init", "ebus_add_object", "ebus_add_uloop",
-                     "uloop_fd_add 1", "syncinit_finish", "uloop_run_timeout -1", "uloop_done",
-                     "ebus_disconnect"}));
+    EXPECT_EQ(fake::take_calls(), (Calls{"ebus_connect", "uloop_init", "ebus_add_object",
+                                         "ebus_add_uloop", "uloop_fd_add 1", "syncinit_finish",
+                                         "uloop_run_timeout -1", "uloop_done", "ebus_disconnect"}));
     EXPECT_EQ(fake::bound_groups(), 0x10);
     EXPECT_EQ(fake::bound_length(), 12);
     EXPECT_EQ(ipacl_server.cb, ipacl_cb);

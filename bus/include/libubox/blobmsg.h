@@ -38,8 +38,8 @@ bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len)
 
 static inline int blobmsg_type(const struct blob_attr *attr) { return (int)blob_id(attr); }
 const char *blobmsg_name(const struct blob_attr *attr);
-void *blobmsg_data(const struct blob_attr *attr);  /* null for null */
-int blobmsg_len(const struct blob_attr *attr);     /* 0 for null */
+void *blobmsg_data(const struct blob_attr *attr); /* null for null */
+int blobmsg_len(const struct blob_attr *attr);    /* 0 for null */
 static inline int blobmsg_data_len(const struct blob_attr *attr) { return blobmsg_len(attr); }
 
 uint8_t blobmsg_get_u8(struct blob_attr *attr);

@@ -58,8 +58,8 @@ static inline void list_del_init(struct list_head *entry) {
 #define list_for_each_entry_safe(pos, following, list, member)                                     \
     for (pos = list_entry((list)->next, __typeof__(*pos), member),                                 \
         following = list_entry(pos->member.next, __typeof__(*pos), member);                        \
-         &pos->member != (list);                                                                   \
-         pos = following, following = list_entry(following->member.next, __typeof__(*pos), member))
+         &pos->member != (list); pos = following,                                                  \
+        following = list_entry(following->member.next, __typeof__(*pos), member))
 
 #ifdef __cplusplus
 }

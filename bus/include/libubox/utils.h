@@ -12,7 +12,7 @@
 #endif
 
 #ifndef container_of
-#define container_of(pointer, type, member) ((type *)((char *)(pointer) - offsetof(type, member)))
+#define container_of(pointer, type, member) ((type *)((char *)(pointer)-offsetof(type, member)))
 #endif
 
 #define cpu_to_be16(value) htobe16(value)
