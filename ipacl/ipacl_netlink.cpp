@@ -157,11 +157,16 @@ void ipacl_cb(uloop_fd *u, unsigned int) {
         return;
     }
     Changes changes;
-    auto left = static_cast<int>(received);
-    auto *header = reinterpret_cast<nlmsghdr *>(buf);
-    for (; NLMSG_OK(header, left); header = NLMSG_NEXT(header, left))
-        if (!handle_message(header, changes))
+    auto left = static_cast<size_t>(received);
+    for (char *at = buf; left >= sizeof(nlmsghdr);) {
+        auto *header = reinterpret_cast<nlmsghdr *>(at);
+        if (header->nlmsg_len < sizeof(nlmsghdr) || header->nlmsg_len > left ||
+            !handle_message(header, changes))
             return;
+        const size_t step = std::min<size_t>(NLMSG_ALIGN(header->nlmsg_len), left);
+        at += step;
+        left -= step;
+    }
 }
 
 void netlink_parse_rtattr(rtattr **tb, int max, rtattr *rta, int len) {

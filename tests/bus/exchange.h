@@ -25,7 +25,8 @@ inline Bytes from_hex(const std::string &hex) {
 
 inline std::string to_hex(const Bytes &bytes) {
     std::string hex;
-    for (unsigned char c : bytes) {
+    for (char byte : bytes) {
+        const auto c = static_cast<unsigned char>(byte);
         hex += "0123456789abcdef"[c >> 4];
         hex += "0123456789abcdef"[c & 15];
     }
