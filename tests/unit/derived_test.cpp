@@ -131,7 +131,9 @@ TEST_F(Derived, ARangeBecomesItsFewestBlocksHighestFirst) {
     std::string blocks;
     for (const auto *r = list->ipacl_s; r; r = r->ipacl_next) {
         blocks += inet_ntoa(r->srcaddr);
-        blocks += "/" + std::to_string(__builtin_popcount(r->srcmsk.s_addr)) + " ";
+        blocks += '/';
+        blocks += std::to_string(__builtin_popcount(r->srcmsk.s_addr));
+        blocks += ' ';
     }
     EXPECT_EQ(blocks, "10.0.0.10/32 10.0.0.8/31 10.0.0.4/30 10.0.0.2/31 10.0.0.1/32 ");
     EXPECT_EQ(list->rule_count, 5U);
