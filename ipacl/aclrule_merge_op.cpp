@@ -7,6 +7,7 @@
 
 #include <arpa/inet.h>
 #include <bit>
+#include <initializer_list>
 
 namespace {
 
@@ -115,8 +116,10 @@ constexpr Key kKeys[] = {
 };
 
 Key::Rule rule_of(const ipacl_extended_rule &a, const ipacl_extended_rule &b) {
-    const int forms = a.src_compare_flag << 12 | b.src_compare_flag << 8 | a.dst_compare_flag << 4 |
-                      b.dst_compare_flag;
+    int forms = 0;
+    for (const uint16_t form :
+         {a.src_compare_flag, b.src_compare_flag, a.dst_compare_flag, b.dst_compare_flag})
+        forms = form > 0xF ? -1 : forms << 4 | form;
     for (const auto &key : kKeys)
         if (key.forms == forms)
             return key.rule;

@@ -68,7 +68,11 @@ struct State {
 
 // Never destroyed: the system calls below are made until the very end of the process.
 State &state = *new State;
-std::set<void *> &live = *new std::set<void *>;
+// Live blocks by serial number, with their addresses inverted: a leak checker must not take this
+// record for a reference.
+std::map<uintptr_t, size_t> &live = *new std::map<uintptr_t, size_t>;
+size_t serial = 0;
+uintptr_t hidden(const void *block) { return ~reinterpret_cast<uintptr_t>(block); }
 std::set<int> &descriptors = *new std::set<int>; // handed out by the fake socket()
 int next_descriptor = 1000;
 
@@ -157,6 +161,15 @@ std::vector<Owner> take_owners() { return take(state.owners); }
 std::vector<Sync> take_syncs() { return take(state.syncs); }
 void set_sync_result(int32_t result) { state.sync_result = result; }
 size_t live_blocks() { return live.size(); }
+size_t mark() { return serial; }
+size_t free_lost(size_t since) {
+    return std::erase_if(live, [&](const auto &block) {
+        if (block.second < since)
+            return false;
+        free(reinterpret_cast<void *>(~block.first));
+        return true;
+    });
+}
 size_t allocations() { return state.allocations; }
 std::vector<size_t> take_sizes() { return take(state.sizes); }
 void fail_allocation(int nth) { state.fail_nth = nth; }
@@ -282,13 +295,13 @@ void *sys_mem_malloc(size_t size) {
         return nullptr;
     void *block = malloc(size);
     memset(block, 0xA5, size);
-    fake::live.insert(block);
+    fake::live.emplace(fake::hidden(block), fake::serial++);
     return block;
 }
 void sys_mem_free(void *block) {
     if (!block)
         return;
-    if (fake::live.erase(block) == 0) {
+    if (fake::live.erase(fake::hidden(block)) == 0) {
         fprintf(stderr, "sys_mem_free of a block that is not allocated\n");
         abort();
     }

@@ -62,8 +62,11 @@ struct Sync {
 std::vector<Sync> take_syncs();
 void set_sync_result(int32_t result); // what resource_synchronize returns from now on
 
-// --- Memory: sys_mem_malloc and sys_mem_free. Blocks are filled with garbage. ---
+// --- Memory: sys_mem_malloc and sys_mem_free. Blocks are filled with garbage, and the fake's own
+// record of them hides none from a leak checker. ---
 size_t live_blocks();
+size_t mark();                    // a point in time, for free_lost
+size_t free_lost(size_t since);   // frees what was allocated since and is still there; how many
 size_t allocations();             // since reset, failed ones included
 std::vector<size_t> take_sizes(); // sizes asked for since reset or the last take
 void fail_allocation(int nth);    // the nth allocation from now (1: the next) fails, once
