@@ -13,14 +13,15 @@ class ServiceTest : public testing::Test {
     ServiceTest() { clear(); }
     ~ServiceTest() override { clear(); }
 
-    // Deletes every list and index node, then forgets what the fake has recorded.
+    // Deletes every list, with its derived copies, and every index node, then forgets what the fake has recorded.
     static void clear() {
         for (auto &head : hash_table) {
             while (head) {
                 ipacl *list = head;
                 head = list->next;
-                if (list->p_mergeacl == list)
-                    list->p_mergeacl = nullptr;
+                for (ipacl *copy : {list->p_mergeacl, list->p_cleanacl})
+                    if (copy && copy != list)
+                        acl_rule_IPrange_delete(copy);
                 delete_acl_rule_location(list, nullptr, 0);
                 sys_free(list);
             }

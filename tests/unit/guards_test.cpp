@@ -146,6 +146,7 @@ TEST_F(Guards, AVeryLongLineIsReadLikeAnyOther) {
 
 TEST_F(Guards, CreateAllocatesOneRecordOfItsKind) {
     fake::take_sizes();
+    const size_t mark = fake::mark();
     for (int type : {1, 0}) {
         blob_buf buf{};
         blobmsg_buf_init(&buf);
@@ -158,6 +159,7 @@ TEST_F(Guards, CreateAllocatesOneRecordOfItsKind) {
     }
     EXPECT_EQ(fake::take_sizes(),
               (std::vector<size_t>{sizeof(ipacl_standard_rule), sizeof(ipacl_extended_rule)}));
+    EXPECT_EQ(fake::free_lost(mark), 2U) << "and loses it";
 }
 
 TEST_F(Guards, ThePolicyAndTheMethodsStandInTheirOrder) {
