@@ -63,10 +63,12 @@ need_packages() {
         apt-get -q -y --no-install-recommends install $missing
 }
 
-# Configures and builds a preset.
+# Configures and builds a preset: everything, or the targets named.
 build() {
-    quietly cmake --preset "$@"
-    quietly cmake --build --preset "$1" -j "$jobs"
+    preset=$1
+    shift
+    quietly cmake --preset "$preset"
+    quietly cmake --build --preset "$preset" -j "$jobs" ${1:+--target "$@"}
 }
 
 build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev"
