@@ -48,8 +48,11 @@ static int read_configuration(const char *path)
     return whole ? rules : -1;
 }
 
+/* Says what a result means; the codes of missing lists and rules are no permission. */
 static const char *verdict(uint32_t result)
 {
+    if (result == IPACL_CHECK_NO_LIST || result == IPACL_CHECK_NO_RULES)
+        return "denied";
     return result & IPACL_FLAG_PERMIT ? "permitted" : "denied";
 }
 

@@ -86,7 +86,8 @@ int do_ip_acl_merge_enable(int argc, char **argv, void *u);
 /* --- Matching ---
  *
  * Rules are tried in order and the first that matches decides: the result holds the permit, deny
- * and log bits of its flags. A caller that denies what is not permitted tests bit 0x1. Masks and
+ * and log bits of its flags. A caller that denies what is not permitted tests bit 0x1, and looks
+ * for IPACL_CHECK_NO_LIST and IPACL_CHECK_NO_RULES first: both numbers hold that bit. Masks and
  * range addresses are compared as stored words, so a range orders addresses by their last octet
  * first on the device, and a range rule can judge an address otherwise than the masks that
  * acl_rule_IPrange_decompose makes of it. Ports are compared as they are held. Time ranges, VLAN

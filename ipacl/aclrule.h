@@ -131,17 +131,19 @@ enum ipacl_merge_rc {
  * when the copy's users must be told, else 0. */
 int acl_rule_merger_ctrl(struct ipacl *base_ipacl, int *would_notify_upper);
 
-/* Builds a merged copy, which belongs to the caller, without remarks and inactive rules. */
+/* Builds a merged copy, which belongs to the caller, without remarks and without extended rules
+ * whose time range is inactive. Rules of another `status` than 1 stay, and merge with none. */
 int acl_rule_merger_create_upper_ipacl(const struct ipacl *base_ipacl, struct ipacl **upper_ipacl);
 
 /* Decides about an earlier rule `src` and a later one `dst`: 0 no merge, 1 the later one is
  * redundant (`src` may have been widened), 2 the earlier one is. */
 int acl_rule_merger_op(void *src, const void *dst, int is_standard);
 
-/* A copy of an extended list with its active rules, unmerged, or null. It shares remark texts. */
+/* A copy of an extended list without remarks and rules of an inactive time range, unmerged, or
+ * null. It shares remark texts. */
 struct ipacl *deepcopy_ipacl_ext_rule(const struct ipacl *base);
 
-/* Fills the caller's record with copies of the active rules. 0, -1 when memory is short (what was
+/* Fills the caller's record with copies of the rules, chosen as for a merged copy. 0, -1 when memory is short (what was
  * copied stays), -2 for a missing argument. */
 int deepcopy_ipacl_clean(const struct ipacl *base_ipacl, struct ipacl *dst_ipacl);
 

@@ -158,7 +158,7 @@ acl_info Dice::packet_near(const ipacl_extended_rule &rule) {
         port_near(rule.dst_port_flags, rule.dst_port, rule.dst_begin_port, rule.dst_end_port);
     p.proto =
         rule.protcol > 255 ? of<uint8_t>({1, 6, 17, byte()}) : static_cast<uint8_t>(rule.protcol);
-    p.tos = static_cast<uint8_t>(rule.precedence << 5 | rule.tos << 1 | below(2));
+    p.tos = static_cast<uint8_t>(rule.precedence * 32U | rule.tos * 2U | below(2));
     p.tcp_flags = one_in(8) ? byte() & 0x3F : of<uint8_t>({0x10, 0x04, 0x14, 0x3F});
     p.icmp_type = static_cast<uint8_t>(rule.src_port);
     p.igmp_type = static_cast<uint8_t>(rule.src_port);

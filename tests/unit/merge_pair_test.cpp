@@ -225,55 +225,52 @@ Ext spanning(uint16_t src_form, uint16_t dst_form, uint32_t low, uint32_t high) 
     return rule;
 }
 
-// Every pair of forms: what comes of identical spans, of the wider rule first and of it last.
+// What comes of a pair of address forms: of identical spans, of the wider rule first, of it last.
+struct FormsRow {
+    uint16_t key; // source of A and of B, destination of A and of B: 1 mask, 2 range
+    int identical, a_wider, b_wider;
+};
+
+// Rule A or B of a pair, with both its sides spanning `size` addresses.
+Ext rule_of(uint16_t key, bool is_a, uint32_t size) {
+    constexpr uint32_t kLow = 0x0A000100;
+    const int shift = is_a ? 4 : 0;
+    return spanning(key >> (8 + shift) & 0xF, key >> shift & 0xF, kLow, kLow + size - 1);
+}
+
+void expect_row(const FormsRow &row) {
+    const auto a = [&](uint32_t size) { return rule_of(row.key, true, size); };
+    const auto b = [&](uint32_t size) { return rule_of(row.key, false, size); };
+    EXPECT_EQ(decide(a(16), b(16)), row.identical) << std::hex << row.key;
+    EXPECT_EQ(decide(a(256), b(16)), row.a_wider) << std::hex << row.key;
+    EXPECT_EQ(decide(a(16), b(256)), row.b_wider) << std::hex << row.key;
+}
+
 TEST(MergePair, TheTableOfAddressForms) {
-    struct Row {
-        uint16_t key;
-        int identical, a_wider, b_wider;
-    };
-    const Row rows[] = {
+    const FormsRow rows[] = {
         {0x1112, 1, 1, 2}, {0x1121, 1, 1, 2}, {0x1211, 1, 1, 2}, {0x1212, 2, 1, 2},
         {0x1221, 0, 0, 0}, {0x2112, 0, 0, 0}, {0x2111, 1, 1, 2}, {0x2121, 1, 1, 2},
     };
-    constexpr uint32_t kLow = 0x0A000100;
-    for (const auto &[key, identical, a_wider, b_wider] : rows) {
-        const auto rule = [&](bool is_a, uint32_t size) {
-            const int shift = is_a ? 4 : 0;
-            return spanning(key >> (8 + shift) & 0xF, key >> shift & 0xF, kLow, kLow + size - 1);
-        };
-        EXPECT_EQ(decide(rule(true, 16), rule(false, 16)), identical) << std::hex << key;
-        EXPECT_EQ(decide(rule(true, 256), rule(false, 16)), a_wider) << std::hex << key;
-        EXPECT_EQ(decide(rule(true, 16), rule(false, 256)), b_wider) << std::hex << key;
-    }
+    for (const auto &row : rows)
+        expect_row(row);
 }
 
-// Where a dimension holds two rules of one form, the fields of the other form must agree: with the
-// range form in both, that is the address and mask that the range does not use.
+// Where both rules use the range form on a side, the address and mask there, which neither uses,
+// must agree.
 TEST(MergePair, TheTableOfAddressFormsWhereBothUseRanges) {
-    struct Row {
-        uint16_t key;
-        int identical, a_wider, b_wider;
-    };
-    const Row rows[] = {
+    const FormsRow rows[] = {
         {0x1122, 1, 1, 2}, {0x1222, 1, 1, 2}, {0x2122, 1, 1, 2}, {0x2211, 1, 1, 2},
         {0x2212, 1, 1, 2}, {0x2221, 1, 1, 2}, {0x2222, 1, 1, 2},
     };
-    constexpr uint32_t kLow = 0x0A000100;
-    for (const auto &[key, identical, a_wider, b_wider] : rows) {
-        const auto rule = [&](bool is_a, uint32_t size) {
-            const int shift = is_a ? 4 : 0;
-            return spanning(key >> (8 + shift) & 0xF, key >> shift & 0xF, kLow, kLow + size - 1);
-        };
-        EXPECT_EQ(decide(rule(true, 16), rule(false, 16)), identical) << std::hex << key;
-        EXPECT_EQ(decide(rule(true, 256), rule(false, 16)), a_wider) << std::hex << key;
-        EXPECT_EQ(decide(rule(true, 16), rule(false, 256)), b_wider) << std::hex << key;
-        const bool src_ranges = (key & 0xFF00) == 0x2200;
-        Ext other = rule(false, 16);
-        (src_ranges ? other.srcaddr : other.dstaddr).s_addr = 1;
-        EXPECT_EQ(decide(rule(true, 256), other), 0) << std::hex << key;
-        other = rule(false, 16);
-        (src_ranges ? other.srcmsk : other.dstmsk).s_addr = 1;
-        EXPECT_EQ(decide(rule(true, 256), other), 0) << std::hex << key;
+    for (const auto &row : rows) {
+        expect_row(row);
+        const bool src_ranges = (row.key & 0xFF00) == 0x2200;
+        for (in_addr Ext::*field : {src_ranges ? &Ext::srcaddr : &Ext::dstaddr,
+                                    src_ranges ? &Ext::srcmsk : &Ext::dstmsk}) {
+            Ext other = rule_of(row.key, false, 16);
+            (other.*field).s_addr = 1;
+            EXPECT_EQ(decide(rule_of(row.key, true, 256), other), 0) << std::hex << row.key;
+        }
     }
 }
 

@@ -53,6 +53,27 @@ inline bool destination_range(const ipacl_extended_rule &rule, const acl_info &p
     return rule.dst_begin_addr.s_addr <= packet.dst_ip && packet.dst_ip <= rule.dst_end_addr.s_addr;
 }
 
+// True when a port passes every operator that is set.
+inline bool port_holds(uint16_t port, uint16_t flags, uint16_t operand, uint16_t begin,
+                       uint16_t end) {
+    if ((flags & 0x04) != 0 && !(port == operand)) { // eq
+        return false;
+    }
+    if ((flags & 0x10) != 0 && !(port != operand)) { // neq
+        return false;
+    }
+    if ((flags & 0x01) != 0 && !(port > operand)) { // gt
+        return false;
+    }
+    if ((flags & 0x02) != 0 && !(port < operand)) { // lt
+        return false;
+    }
+    if ((flags & 0x20) != 0 && !(begin <= port && port <= end)) { // range
+        return false;
+    }
+    return true;
+}
+
 // True when the rule passes every test.
 inline bool extended_matches(const ipacl_extended_rule &rule, const acl_info &packet, bool frag) {
     // Addresses. Any other pair of compare flags makes no address test.
@@ -96,62 +117,13 @@ inline bool extended_matches(const ipacl_extended_rule &rule, const acl_info &pa
 
         if (!frag) {
             if (packet.proto == 6 || packet.proto == 17) { // tcp, udp
-                if ((rule.src_port_flags & 0x04) != 0) {   // eq
-                    if (!(packet.src_port == rule.src_port)) {
-                        return false;
-                    }
+                if (!port_holds(packet.src_port, rule.src_port_flags, rule.src_port,
+                                rule.src_begin_port, rule.src_end_port)) {
+                    return false;
                 }
-                if ((rule.src_port_flags & 0x10) != 0) { // neq
-                    if (!(packet.src_port != rule.src_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.src_port_flags & 0x01) != 0) { // gt
-                    if (!(packet.src_port > rule.src_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.src_port_flags & 0x02) != 0) { // lt
-                    if (!(packet.src_port < rule.src_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.src_port_flags & 0x20) != 0) { // range
-                    if (!(rule.src_begin_port <= packet.src_port)) {
-                        return false;
-                    }
-                    if (!(packet.src_port <= rule.src_end_port)) {
-                        return false;
-                    }
-                }
-
-                if ((rule.dst_port_flags & 0x04) != 0) { // eq
-                    if (!(packet.dst_port == rule.dst_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.dst_port_flags & 0x10) != 0) { // neq
-                    if (!(packet.dst_port != rule.dst_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.dst_port_flags & 0x01) != 0) { // gt
-                    if (!(packet.dst_port > rule.dst_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.dst_port_flags & 0x02) != 0) { // lt
-                    if (!(packet.dst_port < rule.dst_port)) {
-                        return false;
-                    }
-                }
-                if ((rule.dst_port_flags & 0x20) != 0) { // range
-                    if (!(rule.dst_begin_port <= packet.dst_port)) {
-                        return false;
-                    }
-                    if (!(packet.dst_port <= rule.dst_end_port)) {
-                        return false;
-                    }
+                if (!port_holds(packet.dst_port, rule.dst_port_flags, rule.dst_port,
+                                rule.dst_begin_port, rule.dst_end_port)) {
+                    return false;
                 }
             }
 

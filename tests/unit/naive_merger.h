@@ -465,46 +465,16 @@ inline int extended_pair(ipacl_extended_rule &a, const ipacl_extended_rule &b) {
     }
 }
 
-inline void merge_passes(std::vector<ipacl_standard_rule> &rules, unsigned &operations) {
-    operations = 0;
-    std::size_t n = rules.size();
-    if (n < 2) {
-        return;
-    }
-
-    for (std::size_t pass = 1; pass <= n; pass++) {
-        bool removed = false;
-        std::size_t i = 0;
-        while (i < rules.size()) {
-            for (std::size_t j = i + 1; j < rules.size(); j++) {
-                bool both_permit = (rules[i].flags & 0x0001) != 0 && (rules[j].flags & 0x0001) != 0;
-                bool both_deny = (rules[i].flags & 0x0002) != 0 && (rules[j].flags & 0x0002) != 0;
-                if (!both_permit && !both_deny) {
-                    continue;
-                }
-                operations++;
-                int result = standard_pair(rules[i], rules[j]);
-                if (result == 2) {
-                    // the follower slides into place i and is passed over below
-                    rules.erase(rules.begin() + static_cast<std::ptrdiff_t>(i));
-                    removed = true;
-                    break;
-                }
-                if (result == 1) {
-                    rules.erase(rules.begin() + static_cast<std::ptrdiff_t>(j));
-                    removed = true;
-                    break;
-                }
-            }
-            i++;
-        }
-        if (!removed) {
-            return;
-        }
-    }
+inline int pair(ipacl_standard_rule &a, const ipacl_standard_rule &b) {
+    return standard_pair(a, b);
 }
 
-inline void merge_passes(std::vector<ipacl_extended_rule> &rules, unsigned &operations) {
+inline int pair(ipacl_extended_rule &a, const ipacl_extended_rule &b) {
+    return extended_pair(a, b);
+}
+
+template <class Rule>
+void merge_passes(std::vector<Rule> &rules, unsigned &operations) {
     operations = 0;
     std::size_t n = rules.size();
     if (n < 2) {
@@ -522,7 +492,7 @@ inline void merge_passes(std::vector<ipacl_extended_rule> &rules, unsigned &oper
                     continue;
                 }
                 operations++;
-                int result = extended_pair(rules[i], rules[j]);
+                int result = pair(rules[i], rules[j]);
                 if (result == 2) {
                     // the follower slides into place i and is passed over below
                     rules.erase(rules.begin() + static_cast<std::ptrdiff_t>(i));

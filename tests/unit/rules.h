@@ -100,7 +100,7 @@ class Dice {
     // A value at or next to `value`.
     template <class T>
     T near(T value) {
-        return static_cast<T>(value + of<int>({-1, 0, 0, 0, 1}));
+        return static_cast<T>(value + static_cast<T>(of<int>({-1, 0, 0, 0, 1})));
     }
 
     // A mask in network byte order: mostly prefixes, sometimes odd, sometimes none or all.
