@@ -1,0 +1,100 @@
+#!/bin/sh
+# Runs every example of a document, one after the other in one shell, and compares what it says
+# with what is shown. Arguments: the document, the number of its examples, the build folder, the
+# source folder, cmake, the C compiler, the sanitizers of the build if any.
+#
+# A "cat FILE" of a file that is not there yet makes it, with what is shown. Blanks at the end of a
+# line, which no reader sees, don't count. A failing command must be shown to say something.
+set -u
+document=$1 expected=$2 build=$3 source=$4 cmake=$5 compiler=$6 sanitizers=${7:-}
+here=$(cd "$(dirname "$0")" && pwd)
+. "$here/service.sh"
+
+mkdir "$scratch/examples" "$scratch/work"
+found=$(awk -v directory="$scratch/examples" -f "$here/examples.awk" "$document") ||
+    fail "the examples of $document could not be read"
+[ "$found" -eq "$expected" ] || fail "$document has $found examples, not $expected"
+
+cd "$scratch/work" || exit 1
+name=$(basename "$document")
+case $name in
+README.md) # as in the source folder, where a release was built; the document starts the service
+    mkdir build && ln -s "$build" build/release && ln -s "$source/examples" examples
+    command -v ubus >/dev/null || ln -s "$build/bin/ubus-call" "$scratch/ubus"
+    PATH=$PATH:$scratch
+    ;;
+ipacl.8) ;; # starts the service itself
+*)
+    start_broker
+    start_daemon
+    ;;
+esac
+if [ "$name" = libipacl.3 ]; then # against an installation
+    "$cmake" --install "$build" --prefix "$scratch/usr" >/dev/null || fail "not installed"
+    PKG_CONFIG_PATH=$(dirname "$(find "$scratch/usr" -name ipacl.pc)")
+    LD_LIBRARY_PATH=$(dirname "$(find "$scratch/usr" -name libipacl.a)")
+    ASAN_OPTIONS=detect_leaks=0
+    export PKG_CONFIG_PATH LD_LIBRARY_PATH ASAN_OPTIONS
+    cc() {
+        "$compiler" -Wall -Wextra -Wpedantic -Werror ${sanitizers:+-fsanitize=$sanitizers} "$@"
+    }
+fi
+
+# What a test can't run inside itself, and who does instead.
+run_elsewhere() {
+    [ "$name" = README.md ] || return 1
+    case $1 in
+    scripts/demo*) who="the test Readme.TheDemoRuns" ;;
+    scripts/test*) who="whoever runs all tests" ;;
+    "cmake --preset release && cmake --build --preset release && cmake --install build/release")
+        who="scripts/test, and the test Install.ACProgramIsBuiltWithPkgConfigAndRuns" ;;
+    # shellcheck disable=SC2016
+    'cc app.c $(pkg-config --cflags --libs ipacl)') who="the test Examples.libipacl.3" ;;
+    *) return 1 ;;
+    esac
+    echo "run by $who: $1"
+}
+
+same_text() { # two files, but for blanks at line ends
+    sed 's/[[:space:]]*$//' "$1" >"$scratch/left"
+    sed 's/[[:space:]]*$//' "$2" >"$scratch/right"
+    diff -u "$scratch/left" "$scratch/right"
+}
+
+# What a reader at the keyboard would wait for after starting something in the background.
+settle() {
+    pids="$pids $!"
+    case $1 in
+    *ipacl-busd*) await test -S "$UBUS_SOCKET" ;;
+    *ipaclctl*) await same_text "$example.shown" "$example.said" ;;
+    *) await ipaclctl running-config ;;
+    esac
+}
+
+number=0 failed=0 compared=0
+while [ "$number" -lt "$found" ]; do
+    number=$((number + 1))
+    example=$scratch/examples/$number
+    command=$(cat "$example.command")
+    run_elsewhere "$command" && continue
+    case $command in
+    "cat "*[!A-Za-z0-9._-]*) ;;
+    "cat "*) [ -e "${command#cat }" ] || cp "$example.shown" "${command#cat }" ;;
+    esac
+    . "$example.command" >"$example.said" 2>&1
+    result=$?
+    case $command in *"&") settle "$command" ;; esac
+    if [ "$result" -ne 0 ] && [ ! -s "$example.shown" ]; then
+        echo "FAILED with $result: $command"
+        cat "$example.said"
+        failed=$((failed + 1))
+    elif [ "$name" != README.md ]; then
+        compared=$((compared + 1))
+        if ! same_text "$example.shown" "$example.said"; then
+            echo "SAID SOMETHING ELSE: $command"
+            failed=$((failed + 1))
+        fi
+    fi
+done
+echo "$name: $found examples, $compared compared, $failed failed"
+[ "$failed" -eq 0 ]
