@@ -72,4 +72,4 @@ build() {
 }
 
 build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev"
-test_packages="libgtest-dev clang libclang-rt-14-dev iproute2"
+test_packages="libgtest-dev clang libclang-rt-14-dev iproute2 man-db groff-base mandoc"
