@@ -36,7 +36,7 @@ if [ "$name" = libipacl.3 ]; then # against an installation
     ASAN_OPTIONS=detect_leaks=0
     export PKG_CONFIG_PATH LD_LIBRARY_PATH ASAN_OPTIONS
     cc() {
-        "$compiler" -Wall -Wextra -Wpedantic -Werror ${sanitizers:+-fsanitize=$sanitizers} "$@"
+        command "$compiler" -Wall -Wextra -Wpedantic -Werror ${sanitizers:+-fsanitize=$sanitizers} "$@"
     }
 fi
 
