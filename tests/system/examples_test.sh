@@ -8,6 +8,7 @@
 set -u
 document=$1 expected=$2 build=$3 source=$4 cmake=$5 compiler=$6 sanitizers=${7:-}
 here=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=tests/system/service.sh
 . "$here/service.sh"
 
 mkdir "$scratch/examples" "$scratch/work"
@@ -41,6 +42,7 @@ if [ "$name" = libipacl.3 ]; then # against an installation
 fi
 
 # What a test can't run inside itself, and who does instead.
+# shellcheck disable=SC2016
 run_elsewhere() {
     [ "$name" = README.md ] || return 1
     case $1 in
@@ -48,7 +50,6 @@ run_elsewhere() {
     scripts/test*) who="whoever runs all tests" ;;
     "cmake --preset release && cmake --build --preset release && cmake --install build/release")
         who="scripts/test, and the test Install.ACProgramIsBuiltWithPkgConfigAndRuns" ;;
-    # shellcheck disable=SC2016
     'cc app.c $(pkg-config --cflags --libs ipacl)') who="the test Examples.libipacl.3" ;;
     *) return 1 ;;
     esac

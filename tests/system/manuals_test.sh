@@ -1,7 +1,8 @@
 #!/bin/sh
 # Renders manuals with what this host has for it and fails on any warning. Arguments: the manuals.
 set -eu
-build=/none # nothing of it is needed
+build=/none # nothing is started
+# shellcheck source=tests/system/service.sh
 . "$(dirname "$0")/service.sh"
 
 # A renderer is given a manual; what it says on standard error or in the file "$said" is wrong.

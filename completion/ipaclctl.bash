@@ -1,0 +1,73 @@
+# Completion of ipaclctl for bash: commands, options, files, and the names of the lists that the
+# running service has.
+
+# The names of the lists, one to a line; nothing when there is nobody to ask.
+_ipaclctl_lists() {
+    ipaclctl "$@" --timeout 2 json 2>/dev/null </dev/null |
+        sed -n 's/.*"IpAccessListName":[[:space:]]*"\(.*\)",\{0,1\}$/\1/p'
+}
+
+_ipaclctl() {
+    local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local command='' positions=0 i choices='' lists='' files=''
+    local -a service=()
+    COMPREPLY=()
+
+    # What stands before the cursor: the socket to ask, the command, and how many arguments it has.
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+        -s | --socket)
+            [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
+            ((++i < COMP_CWORD)) && service=(--socket "${COMP_WORDS[i]}")
+            ;;
+        -t | --timeout | --type | --count)
+            [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
+            ((i++))
+            ;;
+        -?*) ;;
+        *) if [[ $command ]]; then ((positions++)); else command=${COMP_WORDS[i]}; fi ;;
+        esac
+    done
+
+    # "--type=standard" comes as three words.
+    if [[ $word == = ]]; then
+        word=
+    elif [[ $previous == = ]]; then
+        previous=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
+
+    case $previous in
+    -s | --socket) files=1 ;;
+    -t | --timeout | --count) return ;;
+    --type) choices=$'standard\nextended' ;;
+    *)
+        case $command:$word in
+        :-*) choices=$'--help\n--socket\n--timeout\n--version' ;;
+        :*) choices=$'create\ndestroy\njson\nload\nrule\nrunning-config\nsave\nshow\nwatch' ;;
+        load:-*) choices=$'--help\n--verbose' ;;
+        create:-* | destroy:-* | json:-*) choices=$'--help\n--type' ;;
+        watch:-*) choices=$'--count\n--help' ;;
+        *:-*) choices=--help ;;
+        load:* | save:*) ((positions == 0)) && files=1 ;;
+        destroy:* | json:* | rule:* | show:*) ((positions == 0)) && lists=1 ;;
+        esac
+        ;;
+    esac
+
+    [[ $lists ]] && choices=$(_ipaclctl_lists "${service[@]}")
+    local choice
+    if [[ $files ]]; then
+        while IFS= read -r choice; do
+            COMPREPLY+=("$choice")
+        done < <(compgen -f -- "$word")
+        compopt -o filenames 2>/dev/null
+        return
+    fi
+    while IFS= read -r choice; do
+        [[ $choice && $choice == "$word"* ]] || continue
+        printf -v choice %q "$choice"
+        COMPREPLY+=("$choice")
+    done <<<"$choices"
+}
+
+complete -F _ipaclctl ipaclctl
