@@ -2,7 +2,7 @@
 # Sources the completion of ipaclctl in bash and looks at what it offers, with a broker and a daemon
 # to ask. Arguments: the completion file, the build folder.
 set -u
-completion=$1 build=$2 # shellcheck disable=SC2034
+completion=$1 build=$2
 # shellcheck source=tests/system/service.sh
 . "$(dirname "$0")/service.sh"
 # shellcheck disable=SC1090

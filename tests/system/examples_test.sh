@@ -82,6 +82,7 @@ while [ "$number" -lt "$found" ]; do
     "cat "*[!A-Za-z0-9._-]*) ;;
     "cat "*) [ -e "${command#cat }" ] || cp "$example.shown" "${command#cat }" ;;
     esac
+    # shellcheck disable=SC1090
     . "$example.command" >"$example.said" 2>&1
     result=$?
     case $command in *"&") settle "$command" ;; esac
@@ -97,5 +98,9 @@ while [ "$number" -lt "$found" ]; do
         fi
     fi
 done
+if [ "$name" = README.md ] && ! ipaclctl show web | grep -q 'permit tcp any any eq www'; then
+    echo "the requests of the README have made no rule"
+    failed=$((failed + 1))
+fi
 echo "$name: $found examples, $compared compared, $failed failed"
 [ "$failed" -eq 0 ]

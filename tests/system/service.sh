@@ -1,6 +1,6 @@
 # A broker and a daemon of a test's own, for tests that are scripts; source it with `build` set to
 # the build folder. Everything is kept in "$scratch" and ended, by its id, when the script ends.
-# shellcheck shell=sh disable=SC2154
+# shellcheck shell=sh disable=SC2154,SC2034
 
 scratch=$(mktemp -d)
 pids=""
