@@ -63,11 +63,12 @@ FILENAME ~ /\.md$/ {
         fence = fence ? "" : substr($0, index($0, "```") + 3) " "
         if (fence == " ")
             wrong("a block must be fenced with its language")
-    } else if (!fence && /^(    |\t)/) {
+    } else if (!fence && /^(    |\t)/ && after_blank) {
         wrong("a block must be fenced")
     } else if (fence == "sh " && NF > 0) {
         begin_example($0)
     }
+    after_blank = NF == 0
     next
 }
 
