@@ -40,12 +40,15 @@ void vty_set_handler(int handler) {
     log_print_handler = handler;
 }
 
-static FILE *stream(FILE *of_handler) { return log_print_handler ? of_handler : stdout; }
+static int write_text(FILE *of_handler, const char *fmt, va_list args) {
+    FILE *stream = log_print_handler ? of_handler : stdout;
+    return stream ? vfprintf(stream, fmt, args) : 0;
+}
 
 int vty_printf(const char *fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    const int written = stream(log_print_fp_0) ? vfprintf(stream(log_print_fp_0), fmt, args) : 0;
+    const int written = write_text(log_print_fp_0, fmt, args);
     va_end(args);
     return written;
 }
@@ -53,7 +56,7 @@ int vty_printf(const char *fmt, ...) {
 int vty_output(const char *fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    const int written = stream(log_print_fp_1) ? vfprintf(stream(log_print_fp_1), fmt, args) : 0;
+    const int written = write_text(log_print_fp_1, fmt, args);
     va_end(args);
     return written;
 }

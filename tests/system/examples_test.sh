@@ -5,24 +5,24 @@
 #
 # A "cat FILE" of a file that is not there yet makes it, with what is shown. Blanks at the end of a
 # line, which no reader sees, don't count. A failing command must be shown to say something.
-set -u
 document=$1 expected=$2 build=$3 source=$4 cmake=$5 compiler=$6 sanitizers=${7:-}
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=tests/system/service.sh
 . "$here/service.sh"
+set +e # failures are counted
 
-mkdir "$scratch/examples" "$scratch/work"
-found=$(awk -v directory="$scratch/examples" -f "$here/examples.awk" "$document") ||
+mkdir "$work/examples" "$work/here"
+found=$(awk -v directory="$work/examples" -f "$here/examples.awk" "$document") ||
     fail "the examples of $document could not be read"
 [ "$found" -eq "$expected" ] || fail "$document has $found examples, not $expected"
 
-cd "$scratch/work" || exit 1
+cd "$work/here" || exit 1
 name=$(basename "$document")
 case $name in
 README.md) # as in the source folder, where a release was built; the document starts the service
     mkdir build && ln -s "$build" build/release && ln -s "$source/examples" examples
-    command -v ubus >/dev/null || ln -s "$build/bin/ubus-call" "$scratch/ubus"
-    PATH=$PATH:$scratch
+    command -v ubus >/dev/null || ln -s "$build/bin/ubus-call" "$work/ubus"
+    PATH=$PATH:$work
     ;;
 porting.md) # in a source folder without build
     for entry in "$source"/*; do
@@ -36,9 +36,9 @@ ipacl.8) ;; # starts the service itself
     ;;
 esac
 if [ "$name" = libipacl.3 ]; then # against an installation
-    "$cmake" --install "$build" --prefix "$scratch/usr" >/dev/null || fail "not installed"
-    PKG_CONFIG_PATH=$(dirname "$(find "$scratch/usr" -name ipacl.pc)")
-    LD_LIBRARY_PATH=$(dirname "$(find "$scratch/usr" -name libipacl.a)")
+    "$cmake" --install "$build" --prefix "$work/usr" >/dev/null || fail "not installed"
+    PKG_CONFIG_PATH=$(dirname "$(find "$work/usr" -name ipacl.pc)")
+    LD_LIBRARY_PATH=$(dirname "$(find "$work/usr" -name libipacl.a)")
     ASAN_OPTIONS=detect_leaks=0
     export PKG_CONFIG_PATH LD_LIBRARY_PATH ASAN_OPTIONS
     cc() {
@@ -62,14 +62,14 @@ run_elsewhere() {
 }
 
 same_text() { # two files, but for blanks at line ends
-    sed 's/[[:space:]]*$//' "$1" >"$scratch/left"
-    sed 's/[[:space:]]*$//' "$2" >"$scratch/right"
-    diff -u "$scratch/left" "$scratch/right"
+    sed 's/[[:space:]]*$//' "$1" >"$work/left"
+    sed 's/[[:space:]]*$//' "$2" >"$work/right"
+    diff -u "$work/left" "$work/right"
 }
 
 # What a reader at the keyboard would wait for after starting something in the background.
 settle() {
-    pids="$pids $!"
+    children="$children $!"
     case $1 in
     *ipacl-busd*) await test -S "$UBUS_SOCKET" ;;
     *ipaclctl*) await same_text "$example.shown" "$example.said" ;;
@@ -80,7 +80,7 @@ settle() {
 number=0 failed=0 compared=0
 while [ "$number" -lt "$found" ]; do
     number=$((number + 1))
-    example=$scratch/examples/$number
+    example=$work/examples/$number
     command=$(cat "$example.command")
     run_elsewhere "$command" && continue
     case $command in

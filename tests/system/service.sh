@@ -1,34 +1,17 @@
 # A broker and a daemon of a test's own, for tests that are scripts; source it with `build` set to
-# the build folder. Everything is kept in "$scratch" and ended, by its id, when the script ends.
+# the build folder. Everything is kept in "$work" and ended, by its id, when the script ends.
 # shellcheck shell=sh disable=SC2154,SC2034
 
-scratch=$(mktemp -d)
-pids=""
-
-end_service() {
-    status=$?
-    for pid in $pids; do
-        kill "$pid" 2>/dev/null || true
-    done
-    for pid in $pids; do
-        wait "$pid" 2>/dev/null || true
-    done
-    rm -rf "$scratch"
-    exit "$status"
-}
-trap end_service EXIT
-trap 'exit 143' INT TERM
+started_in=$PWD
+# shellcheck source=scripts/common.sh
+. "$(dirname "$0")/../../scripts/common.sh"
+cd "$started_in"
 
 # Ends the test as one that could not run here.
 skip() {
     echo "$(basename "$0"): Skipped"
     echo "$*"
     exit 77
-}
-
-fail() {
-    echo "$*"
-    exit 1
 }
 
 # Runs a command until it succeeds, for some thirty seconds at most.
@@ -42,19 +25,19 @@ await() {
 }
 
 # The terminal files' folder stands for /run/ipacl: only its owner may write there.
-chmod 0755 "$scratch"
-mkdir -m 0755 "$scratch/terminals"
-export UBUS_SOCKET="$scratch/bus.sock" IPACL_VTY_DIR="$scratch/terminals"
+chmod 0755 "$work"
+mkdir -m 0755 "$work/terminals"
+export UBUS_SOCKET="$work/bus.sock" IPACL_VTY_DIR="$work/terminals"
 PATH=$build/bin:$PATH
 
 start_broker() {
     ipacl-busd &
-    pids="$pids $!"
+    children="$children $!"
     await test -S "$UBUS_SOCKET"
 }
 
 start_daemon() {
-    ipacl >"$scratch/daemon.out" &
-    pids="$pids $!"
+    ipacl >"$work/daemon.out" &
+    children="$children $!"
     await ipaclctl running-config
 }
