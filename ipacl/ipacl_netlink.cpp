@@ -1,7 +1,8 @@
 // The address listener.
 //
 // One datagram of address notifications per call. Every message leads to the same question, what
-// address and mask the interface has now, and the answer goes into each rule that names it.
+// address and mask the interface has now, and the answer goes into each rule that names it. Where
+// the kernel had to drop notifications, every interface that a rule names is asked for again.
 
 #include "ipacl_netlink.h"
 
@@ -9,6 +10,7 @@
 #include "aclapi.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -21,6 +23,7 @@ namespace {
 
 constexpr int kMaxAttribute = 10;
 constexpr int kMessageHeader = NLMSG_LENGTH(sizeof(ifaddrmsg));
+constexpr int kMaxOverruns = 16;             // in a row, while the socket is read empty
 constexpr useconds_t kRemovalPause = 10'000; // the kernel is still taking the address away
 
 struct InterfaceAddress {
@@ -72,28 +75,69 @@ bool read_interface(const char *name, InterfaceAddress &now) {
     return true;
 }
 
+void update_source(const _ipacl_rule_vlanname &node, const InterfaceAddress &now,
+                   Changes &changes) {
+    auto &rule = *reinterpret_cast<ipacl_extended_rule *>(node.rule);
+    changes.list = reinterpret_cast<ipacl *>(node.ipacl);
+    if (rule.srcaddr.s_addr == now.ip.s_addr && rule.srcmsk.s_addr == now.mask.s_addr)
+        return;
+    rule.srcaddr = now.ip;
+    rule.srcmsk = now.mask;
+    changes.need_sync = true;
+}
+
+void update_destination(const _ipacl_rule_vlanname &node, const InterfaceAddress &now,
+                        Changes &changes) {
+    auto &rule = *reinterpret_cast<ipacl_extended_rule *>(node.rule);
+    changes.list = reinterpret_cast<ipacl *>(node.ipacl);
+    rule.dstaddr = now.ip; // kept: rewritten and announced, changed or not
+    rule.dstmsk = now.mask;
+    changes.need_sync = true;
+}
+
 void update_node(const _ipacl_rule_vlanname &node, const char *name, const InterfaceAddress &now,
                  Changes &changes) {
-    auto *list = reinterpret_cast<ipacl *>(node.ipacl);
-    auto &rule = *reinterpret_cast<ipacl_extended_rule *>(node.rule);
     // kept: a prefix test, so an interface named vlan1 is also found in a node naming vlan10.
     const size_t length = strlen(name);
-    if (length > 0 && strncmp(node.srcvlan_name, name, length) == 0) {
-        changes.list = list;
-        if (rule.srcaddr.s_addr != now.ip.s_addr || rule.srcmsk.s_addr != now.mask.s_addr) {
-            rule.srcaddr = now.ip;
-            rule.srcmsk = now.mask;
-            changes.need_sync = true;
-        }
+    if (length > 0 && strncmp(node.srcvlan_name, name, length) == 0)
+        update_source(node, now, changes);
+    if (length > 0 && strncmp(node.dstvlan_name, name, length) == 0)
+        update_destination(node, now, changes);
+    if (changes.need_sync)
+        ipacl_synchronize(changes.list);
+}
+
+// Asks for the interfaces that one node names, by their own names, and announces its list if that
+// changed anything. False when nothing can be asked.
+bool resynchronize_node(const _ipacl_rule_vlanname &node) {
+    Changes changes;
+    InterfaceAddress now;
+    if (*node.srcvlan_name) {
+        if (!read_interface(node.srcvlan_name, now))
+            return false;
+        update_source(node, now, changes);
     }
-    if (length > 0 && strncmp(node.dstvlan_name, name, length) == 0) {
-        changes.list = list;
-        rule.dstaddr = now.ip; // kept: rewritten and announced, changed or not
-        rule.dstmsk = now.mask;
-        changes.need_sync = true;
+    if (*node.dstvlan_name) {
+        if (!read_interface(node.dstvlan_name, now))
+            return false;
+        update_destination(node, now, changes);
     }
     if (changes.need_sync)
         ipacl_synchronize(changes.list);
+    return true;
+}
+
+// After notifications were lost. The kernel drops what comes, without another error, until the
+// socket has been read empty: only an interface that is asked for after that is known for sure.
+void resynchronize(int fd) {
+    msghdr dropped{};
+    int overruns = 0;
+    while (recvmsg(fd, &dropped, MSG_DONTWAIT) >= 0 ||
+           (errno == ENOBUFS && ++overruns < kMaxOverruns)) {
+    }
+    for (const auto *node = ipacl_vlanname_list_head; node; node = node->next)
+        if (node->rule && !resynchronize_node(*node))
+            return;
 }
 
 // Handles one message. False when the rest of the datagram is to be dropped.
@@ -150,10 +194,15 @@ void ipacl_cb(uloop_fd *u, unsigned int) {
     msg.msg_namelen = sizeof snl;
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
+    if (u->error) // the loop lets go of a descriptor that has an error
+        uloop_fd_add(u, ULOOP_READ);
     const ssize_t received = recvmsg(u->fd, &msg, 0);
     if (received < 0) {
+        const bool lost = errno == ENOBUFS;
         syslog(kLogError, "ipacl: Message received from netlink error(%d).\n",
                static_cast<int>(received));
+        if (lost)
+            resynchronize(u->fd);
         return;
     }
     Changes changes;

@@ -17,7 +17,9 @@ extern struct uloop_fd ipacl_server;
  * the negative result of the call that failed, which is logged. */
 int ipacl_netlink_open(void);
 
-/* The loop's read handler: receives one datagram and handles every message in it. */
+/* The loop's read handler: receives one datagram and handles every message in it. When the kernel
+ * reports that notifications were lost, it drops those that are left and brings every rule that
+ * names an interface up to date. */
 void ipacl_cb(struct uloop_fd *u, unsigned int events);
 
 /* Stores the address of each attribute of type at most `max` among the `len` bytes at `rta` in

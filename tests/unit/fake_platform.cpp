@@ -57,6 +57,7 @@ struct State {
     std::map<std::string, Interface> interfaces;
     Sockets sockets{0, 0};
     bool fail_socket = false, fail_recvmsg = false;
+    int overruns = 0;
     int bind_result = 0, groups = -1, bind_length = 0;
     std::vector<std::string> looked_up;
     std::vector<std::vector<unsigned char>> datagrams;
@@ -192,6 +193,7 @@ void queue_datagram(std::vector<unsigned char> bytes) {
     state.datagrams.push_back(std::move(bytes));
 }
 void fail_recvmsg(bool on) { state.fail_recvmsg = on; }
+void overrun(int times) { state.overruns = times; }
 unsigned take_slept() { return take(state.slept); }
 std::vector<std::string> take_calls() { return take(state.calls); }
 void fail_call(const std::string &name, int result) { state.failing[name] = result; }
@@ -415,12 +417,19 @@ char *if_indextoname(unsigned index, char *name) noexcept {
 }
 
 ssize_t recvmsg(int, msghdr *message, int) {
+    if (state.overruns > 0) {
+        state.overruns--;
+        errno = ENOBUFS;
+        return -1;
+    }
     if (state.fail_recvmsg || state.datagrams.empty()) {
         errno = EAGAIN;
         return -1;
     }
     const auto bytes = state.datagrams.front();
     state.datagrams.erase(state.datagrams.begin());
+    if (message->msg_iovlen == 0)
+        return 0;
     const size_t size = std::min(bytes.size(), message->msg_iov[0].iov_len);
     std::copy_n(bytes.data(), size, static_cast<unsigned char *>(message->msg_iov[0].iov_base));
     return static_cast<ssize_t>(size);

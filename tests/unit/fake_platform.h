@@ -97,7 +97,8 @@ int bound_length();                                    // address length of the 
 std::vector<std::string> take_looked_up();             // interface names asked by ioctl, in order
 void queue_datagram(std::vector<unsigned char> bytes); // what the next recvmsg returns
 void fail_recvmsg(bool on);
-unsigned take_slept(); // microseconds given to usleep
+void overrun(int times); // that many recvmsg fail first, because notifications were lost
+unsigned take_slept();   // microseconds given to usleep
 
 // --- Bus, start-up, event loop: calls recorded as words ("ebus_connect", "uloop_init", ...) ---
 std::vector<std::string> take_calls();

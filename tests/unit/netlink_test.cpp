@@ -212,6 +212,69 @@ TEST_F(Netlink, AFailureToReceiveIsLogged) {
     EXPECT_EQ(fake::take_log_text(), "3 ipacl: Message received from netlink error(-1).\n");
 }
 
+TEST_F(Netlink, AfterAnOverrunEveryNamedInterfaceIsAskedForAgain) {
+    fake::set_interface("vlan1", 1, "10.1.0.1", "255.255.0.0");
+    ipacl_insert("other", 0, 0, IPACL_STATUS_READY);
+    ipacl_insert("still", 0, 0, IPACL_STATUS_READY);
+    auto *both = add("vlan10", "vlan1");
+    auto *source = add("vlan1", "", "other");
+    auto *gone = add("vlan30", "", "other");
+    gone->srcaddr = ip("10.3.0.1");
+    auto *same = add("vlan10", "", "still");
+    same->srcaddr = ip("10.0.0.1");
+    same->srcmsk = ip("255.255.255.0");
+    fake::overrun(2);
+    fake::queue_datagram(message(RTM_NEWADDR, 10));
+    fake::queue_datagram(message(RTM_NEWADDR, 10));
+    uloop_fd u{};
+    ipacl_cb(&u, 0);
+    EXPECT_EQ(both->srcaddr.s_addr, ip("10.0.0.1").s_addr); // vlan1's is not taken for vlan10's
+    EXPECT_EQ(both->dstaddr.s_addr, ip("10.1.0.1").s_addr);
+    EXPECT_EQ(source->srcmsk.s_addr, ip("255.255.0.0").s_addr);
+    EXPECT_EQ(gone->srcaddr.s_addr, 0U);
+    EXPECT_EQ(gone->srcmsk.s_addr, INADDR_BROADCAST);
+    std::string announced;
+    for (const auto &sync : fake::take_syncs())
+        announced += sync.name + " ";
+    EXPECT_EQ(announced, "web other other ");
+    EXPECT_EQ(fake::take_log_text(), "3 ipacl: Message received from netlink error(-1).\n");
+    EXPECT_EQ(fake::sockets().opened, fake::sockets().closed);
+    ipacl_cb(&u, 0); // what had been left in the socket is read and dropped
+    EXPECT_EQ(fake::take_log_text(), "3 ipacl: Message received from netlink error(-1).\n");
+}
+
+TEST_F(Netlink, AnOverrunThatDoesNotEndOrHasNoSocketEndsTheHandler) {
+    auto *rule = add("vlan10", "vlan10");
+    fake::overrun(1000000);
+    uloop_fd u{};
+    ipacl_cb(&u, 0);
+    EXPECT_EQ(rule->srcaddr.s_addr, ip("10.0.0.1").s_addr);
+    fake::take_log();
+    fake::fail_socket(true);
+    ipacl_cb(&u, 0);
+    EXPECT_EQ(fake::take_log_text(), "3 ipacl: Message received from netlink error(-1).\n"
+                                     "3 ipacl socket error\n");
+}
+
+TEST_F(Netlink, AMarkedNodeIsSkippedAfterAnOverrunToo) {
+    add("vlan10", "");
+    delete_acl_rule_location(ipacl_config_find("web"), nullptr, 1);
+    fake::overrun(1);
+    uloop_fd u{};
+    ipacl_cb(&u, 0);
+    EXPECT_EQ(fake::take_syncs().size(), 0U);
+}
+
+TEST_F(Netlink, ADescriptorThatTheLoopLetGoOfIsWatchedAgain) {
+    fake::overrun(1);
+    uloop_fd u{};
+    ipacl_cb(&u, 0);
+    EXPECT_TRUE(fake::take_calls().empty());
+    u.error = true;
+    ipacl_cb(&u, 0);
+    EXPECT_EQ(fake::take_calls(), (std::vector<std::string>{"uloop_fd_add 1"}));
+}
+
 TEST_F(Netlink, WithoutASocketTheRestIsDropped) {
     add("", "vlan10");
     fake::fail_socket(true);
