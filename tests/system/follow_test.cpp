@@ -2,9 +2,16 @@
 
 #include "daemon.h"
 
+#include <arpa/inet.h>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sched.h>
+#include <sstream>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +19,66 @@ namespace {
 
 bool ip(const std::string &arguments) {
     return system(("ip " + arguments + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// Adds and removes a second address of an interface, `changes` times in all.
+class Storm {
+  public:
+    explicit Storm(const char *interface) : index_(if_nametoindex(interface)) {}
+    ~Storm() { close(fd_); }
+    Storm(const Storm &) = delete;
+    Storm &operator=(const Storm &) = delete;
+
+    // True when the kernel took every one.
+    bool run(int changes) {
+        for (int i = 0; i < changes; i++)
+            if (!change(i % 2 == 0 ? RTM_NEWADDR : RTM_DELADDR))
+                return false;
+        return true;
+    }
+
+  private:
+    struct Request {
+        nlmsghdr header;
+        ifaddrmsg body;
+        rtattr attribute;
+        in_addr address;
+    };
+
+    bool change(uint16_t type) {
+        Request request{};
+        request.header = {sizeof request, type, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
+        if (type == RTM_NEWADDR)
+            request.header.nlmsg_flags |= NLM_F_CREATE | NLM_F_EXCL;
+        request.body = {AF_INET, 32, 0, 0, index_};
+        request.attribute = {sizeof(rtattr) + sizeof(in_addr), IFA_LOCAL};
+        request.address.s_addr = inet_addr("10.66.6.6");
+        char answer[256];
+        if (send(fd_, &request, sizeof request, 0) < 0 || recv(fd_, answer, sizeof answer, 0) < 0)
+            return false;
+        int error;
+        memcpy(&error, answer + sizeof(nlmsghdr), sizeof error);
+        return error == 0;
+    }
+
+    const unsigned index_;
+    const int fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+};
+
+// The datagrams that the kernel dropped because a process did not read its socket.
+unsigned long dropped(pid_t pid) {
+    std::ifstream table("/proc/net/netlink");
+    unsigned long sum = 0;
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string socket, receive, send, dump, locks;
+        unsigned long protocol, port, groups, drops = 0;
+        fields >> socket >> protocol >> port >> std::hex >> groups >> std::dec >> receive >> send >>
+            dump >> locks >> drops;
+        if (port == static_cast<unsigned long>(pid))
+            sum += drops;
+    }
+    return sum;
 }
 
 // The fixture's processes must be started inside the namespace, so it is entered before them.
@@ -70,6 +137,25 @@ TEST_F(Follow, AnAddressThatIsAddedChangedAndRemoved) {
         EXPECT_TRUE(holds(rule)) << "removed";
         ctl({"rule", "web", std::string("no ") + rule});
     }
+}
+
+// While nobody reads, the kernel drops all but the first notifications.
+TEST_F(Follow, AStormOfAHundredThousandChangesWhileTheServiceIsStopped) {
+    const std::string rule = "permit ip interface vlan10 interface vlan10";
+    ASSERT_TRUE(ip("address add 10.9.1.1/24 dev vlan10"));
+    ASSERT_EQ(ctl({"rule", "web", rule}).status, 0);
+    kill(daemon, SIGSTOP);
+    EXPECT_TRUE(Storm("vlan10").run(100000));
+    EXPECT_TRUE(ip("address add 10.9.2.1/16 dev vlan10"));
+    EXPECT_TRUE(ip("address del 10.9.1.1/24 dev vlan10"));
+    const unsigned long lost = dropped(daemon);
+    kill(daemon, SIGCONT);
+    EXPECT_GT(lost, 0U);
+    EXPECT_TRUE(holds(rule)) << "what is real after the storm";
+    ASSERT_TRUE(ip("address add 10.9.3.1/24 dev vlan10"));
+    ASSERT_TRUE(ip("address del 10.9.2.1/16 dev vlan10"));
+    EXPECT_TRUE(holds(rule)) << "followed after the storm";
+    RecordProperty("notifications_lost", static_cast<int>(lost));
 }
 
 TEST_F(Follow, AnInterfaceThatIsDeletedLeavesZeroAndAHostMask) {
