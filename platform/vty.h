@@ -23,10 +23,12 @@ extern IPACL_THREAD_LOCAL FILE *log_print_fp_0;
 extern IPACL_THREAD_LOCAL FILE *log_print_fp_1;
 
 /* Path prefix of the terminals' output files. Defined by the program; the terminal library fills
- * it, at the latest when a handler is set. Null: there is no place for such files. */
+ * it, at the latest when a handler is set. Null: there is no place for such files, or something
+ * else than a file of this service stands there. */
 extern const char *vty_file_pre;
 
-/* Makes `handler` this thread's print handler; 0 sets none. */
+/* Makes `handler` this thread's print handler; 0 sets none, and is called before the streams are
+ * closed. Where the handler's files must not be written, the prefix becomes null. */
 void vty_set_handler(int handler);
 
 /* Writes a piece of a listing. Any length. Returns the number of characters, or a negative error.

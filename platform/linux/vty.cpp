@@ -84,27 +84,50 @@ const char *unusable(const char *directory) {
     return nullptr;
 }
 
-void fill_prefix() {
+// Why a handler file is not to be written to, or null. Only this user and root can put anything
+// into the directory, so what is found here is what will be opened.
+const char *unusable_file(const char *name) {
+    struct stat info;
+    if (lstat(name, &info) != 0)
+        return errno == ENOENT ? nullptr : strerror(errno);
+    if (S_ISLNK(info.st_mode))
+        return "a symbolic link";
+    if (!S_ISREG(info.st_mode))
+        return "not a file";
+    return info.st_nlink > 1 ? "a file with another name" : nullptr;
+}
+
+bool refused(const char *name, const char *reason) {
+    if (reason)
+        syslog(LOG_ERR, "ipacl: terminal files can't be kept in %s: %s", name, reason);
+    return reason != nullptr;
+}
+
+// Leaves the prefix null where the files of `handler` must not be written.
+void fill_prefix(int handler) {
     static char prefix[512];
-    if (vty_file_pre)
-        return;
+    vty_file_pre = nullptr;
     const char *directory = getenv("IPACL_VTY_DIR");
     if (!directory || !*directory)
         directory = kDirectory;
-    if (const char *reason = unusable(directory)) {
-        syslog(LOG_ERR, "ipacl: terminal files can't be kept in %s: %s", directory, reason);
-        return;
-    }
     const int length = snprintf(prefix, sizeof prefix, "%s/vty", directory);
-    if (length > 0 && static_cast<size_t>(length) < sizeof prefix)
-        vty_file_pre = prefix;
+    if (length < 0 || static_cast<size_t>(length) >= sizeof prefix ||
+        refused(directory, unusable(directory)))
+        return;
+    for (int number : {0, 1}) {
+        char name[sizeof prefix + 16];
+        snprintf(name, sizeof name, "%s_%d_%d", prefix, handler, number);
+        if (refused(name, unusable_file(name)))
+            return;
+    }
+    vty_file_pre = prefix;
 }
 
 } // namespace
 
 void vty_set_handler(int handler) {
     if (handler)
-        fill_prefix();
+        fill_prefix(handler);
     log_print_handler = handler;
 }
 

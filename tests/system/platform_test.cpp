@@ -68,6 +68,41 @@ TEST_F(Terminal, ALinkOrAFileIsNotUsed) {
     EXPECT_EQ(vty_file_pre, nullptr);
 }
 
+TEST_F(Terminal, WhatIsNoFileOfItsOwnIsNotWrittenTo) {
+    const std::string first = directory + "/vty_1_0", second = directory + "/vty_1_1";
+    const std::string victim = directory + "/victim";
+    fclose(fopen(victim.c_str(), "w"));
+    use(directory);
+    ASSERT_NE(vty_file_pre, nullptr);
+    ASSERT_EQ(symlink(victim.c_str(), first.c_str()), 0);
+    use(directory);
+    EXPECT_EQ(vty_file_pre, nullptr) << "a link";
+    unlink(first.c_str());
+    ASSERT_EQ(mkdir(second.c_str(), 0755), 0);
+    use(directory);
+    EXPECT_EQ(vty_file_pre, nullptr) << "a directory";
+    rmdir(second.c_str());
+    ASSERT_EQ(mkfifo(second.c_str(), 0600), 0);
+    use(directory);
+    EXPECT_EQ(vty_file_pre, nullptr) << "a pipe";
+    unlink(second.c_str());
+    ASSERT_EQ(link(victim.c_str(), second.c_str()), 0);
+    use(directory);
+    EXPECT_EQ(vty_file_pre, nullptr) << "another file";
+    unlink(second.c_str());
+    fclose(fopen(second.c_str(), "w"));
+    use(directory);
+    EXPECT_NE(vty_file_pre, nullptr) << "left from an earlier request";
+}
+
+TEST_F(Terminal, ADirectoryThatIsOpenedToOthersLaterIsNotUsedAnyMore) {
+    use(directory);
+    ASSERT_NE(vty_file_pre, nullptr);
+    chmod(directory.c_str(), 0777);
+    use(directory);
+    EXPECT_EQ(vty_file_pre, nullptr);
+}
+
 TEST_F(Terminal, ListingsGoToTheFirstStreamAndAnswersToTheSecond) {
     use(directory);
     char *listing, *answers;
