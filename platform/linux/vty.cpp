@@ -123,11 +123,25 @@ void fill_prefix(int handler) {
     vty_file_pre = prefix;
 }
 
+// Looks, before the files are closed, whether all text has got into them; if not, the reply says
+// that some was dropped.
+void check_files() {
+    for (FILE *stream : {log_print_fp_0, log_print_fp_1}) {
+        if (!stream || (fflush(stream) == 0 && !ferror(stream)))
+            continue;
+        syslog(LOG_ERR, "ipacl: the text for terminal %d could not be written whole",
+               log_print_handler);
+        capture.truncated = true;
+    }
+}
+
 } // namespace
 
 void vty_set_handler(int handler) {
     if (handler)
         fill_prefix(handler);
+    else if (log_print_handler)
+        check_files();
     log_print_handler = handler;
 }
 
