@@ -37,6 +37,8 @@ void extend(blob_attr *container, size_t bytes) {
 
 // Room for `bytes` behind the open container; null when there is none.
 char *reserve(blob_buf *buf, size_t bytes) {
+    if (!buf->head)
+        return nullptr;
     const size_t used = offset_of(buf, buf->head) + blob_pad_len(buf->head);
     if (used + bytes > static_cast<size_t>(buf->buflen) &&
         (bytes > kMax ||
@@ -124,6 +126,8 @@ void *blob_nest_start(blob_buf *buf, int id) {
 }
 
 void blob_nest_end(blob_buf *buf, void *cookie) {
+    if (!cookie)
+        return;
     const size_t inner = blob_pad_len(buf->head);
     buf->head = attr_at(buf, reinterpret_cast<uintptr_t>(cookie) - 1);
     extend(buf->head, inner);

@@ -170,6 +170,8 @@ int blobmsg_add_double(blob_buf *buf, const char *name, double value) {
 
 // Like blob_nest_start, with a name header as the first content of the container.
 void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array) {
+    if (!buf->head)
+        return nullptr;
     const size_t outer =
         static_cast<size_t>(reinterpret_cast<char *>(buf->head) - static_cast<char *>(buf->buf));
     const uint32_t outer_word = buf->head->id_len;

@@ -18,7 +18,7 @@ struct Attributes {
 // A root attribute under construction; freed with the block.
 class Body {
   public:
-    Body() { blob_buf_init(&buf_, 0); }
+    Body() { whole_ = blob_buf_init(&buf_, 0) == 0; }
     ~Body() { blob_buf_free(&buf_); }
     Body(const Body &) = delete;
     Body &operator=(const Body &) = delete;
@@ -31,11 +31,13 @@ class Body {
     Body &put_data(blob_attr *msg); // the content of `msg`, or none
     // False when memory was short for an attribute or the message is too long to be sent.
     bool whole() const { return whole_ && blob_raw_len(buf_.head) <= UBUS_MAX_MSGLEN; }
+    // What was put by other means: null, or false, when memory was short.
+    void check(const void *attr) { check(attr != nullptr); }
+    void check(bool put) { whole_ = whole_ && put; }
 
   private:
-    void check(const void *attr) { whole_ = whole_ && attr; }
     blob_buf buf_{};
-    bool whole_ = true;
+    bool whole_;
 };
 
 constexpr int kForever = -1;

@@ -1,8 +1,9 @@
 // The connection: bytes in, bytes out, and which message goes where.
 //
 // Everything that has arrived is read with one call into one buffer, and every whole message in it
-// is handled. A message is copied before it is handled, because handling may receive more. Calls
-// that arrive while another one is served, or an answer is waited for, queue until that is over.
+// is handled. A message is copied before it is handled, because handling may receive more; while
+// memory is too short for the copy it stays where it is, and nothing behind it is read. Calls that
+// arrive while another one is served, or an answer is waited for, queue until that is over.
 
 #include "ubus_internal.h"
 
@@ -20,6 +21,7 @@ namespace {
 
 constexpr size_t kHeader = sizeof(ubus_msghdr);
 constexpr size_t kChunk = 64 * 1024;
+constexpr int kShortMemoryPause = 10; // milliseconds
 
 // What has arrived and is not handled yet.
 struct Inbox {
@@ -72,11 +74,9 @@ void serve(ubus_context *ctx, Queued *message) {
     free(message);
 }
 
-// Takes the next whole message out of the inbox; null when there is none. `wanted` tells how long
-// the message at the front is.
-Queued *next_message(ubus_context *ctx, size_t &wanted) {
-    Inbox *box = inbox(ctx);
-    wanted = 0;
+// The length of the message at the front of the inbox, header included; 0 while that is not known.
+// What can't be a message is skipped.
+size_t front_length(Inbox *box) {
     while (box && box->end - box->begin >= kHeader + sizeof(blob_attr)) {
         const char *start = box->bytes() + box->begin;
         ubus_msghdr header;
@@ -84,29 +84,39 @@ Queued *next_message(ubus_context *ctx, size_t &wanted) {
         memcpy(&header, start, kHeader);
         memcpy(&root, start + kHeader, sizeof root);
         const size_t length = be32_to_cpu(root.id_len) & BLOB_ATTR_LEN_MASK;
-        if (header.version != 0 || length < sizeof root || length > UBUS_MAX_MSGLEN) {
-            box->begin += kHeader + sizeof root; // not a message: look behind it
-            continue;
-        }
-        wanted = kHeader + length;
-        if (box->end - box->begin < wanted)
-            return nullptr;
-        box->begin += wanted;
-        header.seq = be16_to_cpu(header.seq);
-        header.peer = be32_to_cpu(header.peer);
-        auto *message = static_cast<Queued *>(malloc(sizeof(Queued) + length + 3));
-        if (!message)
-            continue;
-        message->header = header;
-        memcpy(static_cast<void *>(message->root()), start + kHeader, length);
-        return message;
+        if (header.version == 0 && length >= sizeof root && length <= UBUS_MAX_MSGLEN)
+            return kHeader + length;
+        box->begin += kHeader + sizeof root;
     }
-    return nullptr;
+    return 0;
+}
+
+bool has_message(ubus_context *ctx) {
+    Inbox *box = inbox(ctx);
+    const size_t length = front_length(box);
+    return length > 0 && box->end - box->begin >= length;
+}
+
+// Takes the next whole message out of the inbox; null when there is none, or no memory for it.
+Queued *next_message(ubus_context *ctx) {
+    if (!has_message(ctx))
+        return nullptr;
+    Inbox *box = inbox(ctx);
+    const size_t whole = front_length(box);
+    auto *message = static_cast<Queued *>(malloc(sizeof(Queued) + whole - kHeader + 3));
+    if (!message)
+        return nullptr;
+    const char *start = box->bytes() + box->begin;
+    memcpy(&message->header, start, kHeader);
+    message->header.seq = be16_to_cpu(message->header.seq);
+    message->header.peer = be32_to_cpu(message->header.peer);
+    memcpy(static_cast<void *>(message->root()), start + kHeader, whole - kHeader);
+    box->begin += whole;
+    return message;
 }
 
 void handle_messages(ubus_context *ctx) {
-    size_t wanted;
-    while (Queued *message = next_message(ctx, wanted)) {
+    while (Queued *message = next_message(ctx)) {
         if (busy(ctx) && !is_answer(message->header.type)) {
             list_add_tail(&message->list, &ctx->pending);
             uloop_timeout_set(&ctx->pending_timer, 0);
@@ -114,6 +124,8 @@ void handle_messages(ubus_context *ctx) {
             serve(ctx, message);
         }
     }
+    if (has_message(ctx))
+        uloop_timeout_set(&ctx->pending_timer, kShortMemoryPause);
 }
 
 void serve_pending(uloop_timeout *timer) {
@@ -123,6 +135,8 @@ void serve_pending(uloop_timeout *timer) {
         list_del(&message->list);
         serve(ctx, message);
     }
+    if (has_message(ctx))
+        receive(ctx, 0);
 }
 
 void drop_pending(ubus_context *ctx) {
@@ -141,20 +155,14 @@ bool wait_for(int fd, short events, int timeout) {
 
 // Reads what has arrived. False when the connection is gone.
 bool read_some(ubus_context *ctx) {
-    size_t wanted = 0;
-    if (const Inbox *box = inbox(ctx); box && box->end - box->begin >= kHeader + 4) {
-        blob_attr root;
-        memcpy(&root, inbox(ctx)->bytes() + box->begin + kHeader, sizeof root);
-        wanted = kHeader + (be32_to_cpu(root.id_len) & BLOB_ATTR_LEN_MASK);
-    }
-    if (!make_room(ctx, std::min<size_t>(wanted, kHeader + UBUS_MAX_MSGLEN)))
+    if (!make_room(ctx, front_length(inbox(ctx))))
         return false;
     Inbox *box = inbox(ctx);
     const ssize_t got =
         recv(ctx->sock.fd, box->bytes() + box->end, box->size - box->end, MSG_DONTWAIT);
     if (got > 0)
         box->end += static_cast<size_t>(got);
-    return got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
+    return got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR || errno == ENOMEM));
 }
 
 void lose(ubus_context *ctx) {
@@ -201,14 +209,15 @@ int open_socket(const char *path) {
 // Waits for the greeting. False when what came is none.
 bool read_greeting(ubus_context *ctx) {
     for (;;) {
-        size_t wanted;
-        if (Queued *message = next_message(ctx, wanted)) {
+        if (Queued *message = next_message(ctx)) {
             const bool hello = message->header.type == UBUS_MSG_HELLO;
             ctx->local_id = cpu_to_be32(message->header.peer);
             free(message);
             return hello && ctx->local_id > 1;
         }
-        if (!wait_for(ctx->sock.fd, POLLIN, kForever) || !read_some(ctx))
+        if (has_message(ctx))
+            poll(nullptr, 0, kShortMemoryPause);
+        else if (!wait_for(ctx->sock.fd, POLLIN, kForever) || !read_some(ctx))
             return false;
     }
 }
@@ -252,8 +261,15 @@ bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob
             wait_for(ctx->sock.fd, POLLOUT, kForever);
             continue;
         }
-        if (sent < 0 && errno != EINTR)
+        if (sent < 0 && (errno == ENOBUFS || errno == ENOMEM)) {
+            poll(nullptr, 0, kShortMemoryPause);
+            continue;
+        }
+        if (sent < 0 && errno != EINTR) {
+            shutdown(ctx->sock.fd,
+                     SHUT_RDWR); // half a message may be out: whoever reads sees the end
             return false;
+        }
         auto done = sent < 0 ? 0 : static_cast<size_t>(sent);
         left -= done;
         for (auto &part : parts) {
@@ -267,6 +283,13 @@ bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob
 }
 
 bool receive(ubus_context *ctx, int timeout) {
+    if (has_message(ctx)) { // memory was short for it
+        poll(nullptr, 0, kShortMemoryPause);
+        handle_messages(ctx);
+        if (has_message(ctx))
+            return true;
+        timeout = 0;
+    }
     if (timeout != 0 && !wait_for(ctx->sock.fd, POLLIN, timeout))
         return true;
     const bool alive = read_some(ctx);
@@ -293,7 +316,6 @@ ubus_context *ubus_connect(const char *path) {
 }
 
 int ubus_connect_ctx(ubus_context *ctx, const char *path) {
-    uloop_init();
     memset(ctx, 0, sizeof *ctx);
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->pending);
@@ -301,6 +323,8 @@ int ubus_connect_ctx(ubus_context *ctx, const char *path) {
     ctx->sock.cb = on_socket;
     ctx->pending_timer.cb = serve_pending;
     ctx->connection_lost = end_loop;
+    if (uloop_init() < 0)
+        return -1;
     if (open_connection(ctx, path) == UBUS_STATUS_OK)
         return 0;
     const int error = errno;

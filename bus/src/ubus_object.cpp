@@ -27,13 +27,15 @@ void on_removed(ubus_request *req, int, blob_attr *root) {
 
 void put_signature(Body &body, const ubus_object_type &type) {
     void *signature = blob_nest_start(&body, UBUS_ATTR_SIGNATURE);
+    body.check(signature);
     for (int i = 0; i < type.n_methods; i++) {
         const ubus_method &method = type.methods[i];
         void *table = blobmsg_open_table(&body, method.name);
+        body.check(table);
         for (int j = 0; j < method.n_policy; j++) {
             if (method.mask && !(method.mask & (1UL << j)))
                 continue;
-            blobmsg_add_u32(&body, method.policy[j].name, method.policy[j].type);
+            body.check(blobmsg_add_u32(&body, method.policy[j].name, method.policy[j].type) == 0);
         }
         blobmsg_close_table(&body, table);
     }
@@ -53,10 +55,15 @@ const ubus_method *find_method(const ubus_object *obj, const char *name) {
     return nullptr;
 }
 
+// Takes no memory: whoever called gets an answer however short it is.
 void send_status(ubus_context *ctx, const ubus_request_data &req, int status) {
-    Body body;
-    body.put(UBUS_ATTR_STATUS, static_cast<uint32_t>(status)).put(UBUS_ATTR_OBJID, req.object);
-    send_message(ctx, UBUS_MSG_STATUS, req.seq, req.peer, body.root());
+    const auto word = [](unsigned id, size_t length) {
+        return cpu_to_be32(id << BLOB_ATTR_ID_SHIFT | static_cast<uint32_t>(length));
+    };
+    uint32_t message[5] = {word(0, sizeof message), word(UBUS_ATTR_STATUS, 8),
+                           cpu_to_be32(static_cast<uint32_t>(status)), word(UBUS_ATTR_OBJID, 8),
+                           cpu_to_be32(req.object)};
+    send_message(ctx, UBUS_MSG_STATUS, req.seq, req.peer, reinterpret_cast<blob_attr *>(message));
 }
 
 // The status of a call, served if it can be.

@@ -139,4 +139,17 @@ TEST(Blob, AMessageBeyondItsLimitIsRefusedAndStaysWhole) {
     blob_buf_free(&buf);
 }
 
+TEST(Blob, ABufferThatGotNoMemoryTakesNothing) {
+    blob_buf buf{};
+    buf.grow = [](blob_buf *, int) { return false; };
+    EXPECT_NE(blobmsg_buf_init(&buf), 0);
+    EXPECT_EQ(blob_put_u32(&buf, 1, 2), nullptr);
+    EXPECT_EQ(blob_nest_start(&buf, 1), nullptr);
+    EXPECT_EQ(blobmsg_open_table(&buf, "table"), nullptr);
+    EXPECT_NE(blobmsg_add_string(&buf, "name", "web"), 0);
+    blobmsg_close_table(&buf, nullptr);
+    EXPECT_EQ(buf.head, nullptr);
+    blob_buf_free(&buf);
+}
+
 } // namespace
