@@ -49,14 +49,14 @@ const ebus_invoke_method_s *find_method(const ubus_object *obj, const char *name
     return nullptr;
 }
 
-// Adds the text that the request has written to its reply.
-void add_output(blob_buf *reply) {
+// Adds the text that the request has written to its reply. False when memory is short.
+bool add_output(blob_buf *reply) {
     bool truncated;
-    if (const char *text = vty::end_capture(truncated))
-        blobmsg_add_string(reply, "output", text);
-    if (truncated)
-        blobmsg_add_u8(reply, "truncated", 1);
+    const char *text = vty::end_capture(truncated);
+    const bool added = (!text || blobmsg_add_string(reply, "output", text) == 0) &&
+                       (!truncated || blobmsg_add_u8(reply, "truncated", 1) == 0);
     vty::release_capture();
+    return added;
 }
 
 int serve(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *name,
@@ -71,9 +71,10 @@ int serve(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const cha
         ebus_request_s request{ctx, req};
         vty::begin_capture();
         status = method->handler(&request, name, arguments, &reply);
-        add_output(&reply);
-        if (blob_len(reply.head) > 0)
-            ubus_send_reply(ctx, req, reply.head);
+        // A caller must not take a lost text for none.
+        if (!add_output(&reply) ||
+            (blob_len(reply.head) > 0 && ubus_send_reply(ctx, req, reply.head) != UBUS_STATUS_OK))
+            status = UBUS_STATUS_NO_MEMORY;
     }
     blob_buf_free(&narrowed);
     blob_buf_free(&reply);
@@ -85,16 +86,18 @@ void connection_lost(ubus_context *) {
     uloop_timeout_set(&retry_timer, 0);
 }
 
-bool all_published() {
-    return std::all_of(std::begin(published), std::end(published),
+// Adds the connection to the loop. True when it is there and every object is published.
+bool served() {
+    ubus_add_uloop(context);
+    return context->sock.registered &&
+           std::all_of(std::begin(published), std::end(published),
                        [](const Published &p) { return !p.object || p.bus.id != 0; });
 }
 
 void retry(uloop_timeout *timer) {
     if (ubus_reconnect(context, socket_path()) == UBUS_STATUS_OK) {
         context->connection_lost = connection_lost;
-        ubus_add_uloop(context);
-        if (all_published())
+        if (served())
             return;
     }
     uloop_timeout_set(timer, retry_after);
@@ -146,8 +149,8 @@ int ebus_add_object(ebus_object_s *object) {
 }
 
 void ebus_add_uloop(void) {
-    if (context)
-        ubus_add_uloop(context);
+    if (context && !served())
+        connection_lost(context);
 }
 
 void ebus_disconnect(void) {
