@@ -12,13 +12,6 @@
 
 namespace {
 
-std::string slurp(const std::string &path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 // Starts a program with standard input, output and error in files; the null name is /dev/null.
 pid_t spawn(const std::vector<std::string> &command, const char *in, const char *out,
             const char *err) {
@@ -49,6 +42,13 @@ void rest() { usleep(10000); }
 
 } // namespace
 
+std::string slurp(const std::string &path) {
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
 Outcome run(const std::vector<std::string> &command, const std::string &input,
             const std::string &scratch) {
     static int number;
@@ -63,7 +63,7 @@ Outcome run(const std::vector<std::string> &command, const std::string &input,
             slurp(base + ".err")};
 }
 
-System::System() {
+System::System(const char *program) : program_(program) {
     char name[] = "/tmp/ipacl-system-XXXXXX";
     directory = mkdtemp(name);
     socket_path = directory + "/bus.sock";
@@ -94,9 +94,13 @@ void System::start_broker() {
 }
 
 void System::start_daemon() {
-    daemon = spawn({DAEMON}, nullptr, (directory + "/daemon.out").c_str(),
-                   (directory + "/daemon.err").c_str());
+    launch_daemon();
     await_service();
+}
+
+void System::launch_daemon() {
+    daemon = spawn({program_}, nullptr, (directory + "/daemon.out").c_str(),
+                   (directory + "/daemon.err").c_str());
 }
 
 void System::await_service() {
@@ -153,7 +157,7 @@ Client::Reply Client::call(const char *method) {
             r->output = tb[0] ? blobmsg_get_string(tb[0]) : "";
             r->truncated = tb[1] && blobmsg_get_bool(tb[1]);
         },
-        &reply, 30000);
+        &reply, patience);
     blobmsg_buf_init(&message);
     return reply;
 }

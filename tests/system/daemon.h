@@ -17,11 +17,13 @@ struct Outcome {
 
 class System : public testing::Test {
   protected:
-    System();
+    // `program` is the daemon to be started.
+    explicit System(const char *program = DAEMON);
     ~System() override;
 
     void start_broker();
     void start_daemon();
+    void launch_daemon(); // without waiting for it
     void end_broker(int signal);
     void end_daemon(int signal);
     // Until the object is on the bus.
@@ -35,6 +37,9 @@ class System : public testing::Test {
 
     std::string directory, socket_path, terminal_directory;
     pid_t broker = 0, daemon = 0;
+
+  private:
+    const char *program_;
 };
 
 // A client of the bus, for requests that the tool does not make.
@@ -58,10 +63,13 @@ class Client {
     blob_buf message{};
     ubus_context *ctx;
     uint32_t id = 0;
+    int patience = 30000; // milliseconds that a call may take
 
   private:
     std::string path_;
 };
+
+std::string slurp(const std::string &path);
 
 Outcome run(const std::vector<std::string> &command, const std::string &input,
             const std::string &scratch);
