@@ -1,43 +1,15 @@
 // A dialogue in which everything that the daemon asks of the system fails, one call after another.
 
-#include "daemon.h"
-#include "faults.h"
+#include "faulty_daemon.h"
 #include "network.h"
 
 #include <csignal>
-#include <cstdlib>
-#include <fcntl.h>
-#include <filesystem>
 #include <functional>
 #include <map>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
-
-// The block shared with the daemon, there before it is started.
-class SharedFaults {
-  protected:
-    SharedFaults() {
-        char name[] = "/tmp/ipacl-faults-XXXXXX";
-        const int fd = mkstemp(name);
-        if (ftruncate(fd, sizeof(faults::Block)) == 0)
-            block_ = static_cast<faults::Block *>(
-                mmap(nullptr, sizeof(faults::Block), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-        close(fd);
-        path_ = name;
-        setenv("IPACL_FAULTS", name, 1);
-    }
-    ~SharedFaults() {
-        munmap(block_, sizeof(faults::Block));
-        unlink(path_.c_str());
-    }
-    faults::Block *block_ = nullptr;
-
-  private:
-    std::string path_;
-};
 
 // One rule and whether it is known to be in its list.
 struct Sent {
@@ -47,9 +19,9 @@ struct Sent {
 
 constexpr int kTerminal = 9;
 
-class Faults : protected Namespace, protected SharedFaults, public System {
+class Faults : protected Namespace, public FaultyDaemon {
   protected:
-    Faults() : System(FAULTY_DAEMON), client(socket_path) { client.patience = 5000; }
+    Faults() : client(socket_path) { client.patience = 5000; }
 
     // Sends a request and waits for its answer; when the object can't be found for now, until it
     // can. With `interrupted_` the same request has been sent before, and the broker killed.
@@ -199,27 +171,13 @@ class Faults : protected Namespace, protected SharedFaults, public System {
         return sum;
     }
 
-    // What the daemon has allocated once it has nothing left to do but to wait.
-    int64_t settled_blocks() {
-        for (int i = 0; i < 1000; i++, usleep(1000)) {
-            const std::string stat = slurp("/proc/" + std::to_string(daemon) + "/stat");
-            if (stat.find(") S ") != std::string::npos)
-                break;
-        }
-        return block_->blocks;
-    }
-    size_t descriptors() const {
-        const std::filesystem::directory_iterator all("/proc/" + std::to_string(daemon) + "/fd");
-        return static_cast<size_t>(std::distance(begin(all), end(all)));
-    }
-
     // A dialogue, disturbed by what `arm` does, which must leave things as they were.
     void round(const std::function<void()> &arm, const std::function<void()> &disarm) {
         rules_.clear();
         shown_.clear();
         creates_ = created_ = 0;
         const int64_t before = settled_blocks();
-        const size_t open = descriptors();
+        const size_t open = descriptors(daemon);
         arm();
         talk();
         disarm();
@@ -233,7 +191,7 @@ class Faults : protected Namespace, protected SharedFaults, public System {
         const int64_t lost = settled_blocks() - before;
         EXPECT_LE(lost, creates_ + allowed_);
         EXPECT_GE(lost, created_ - 1);
-        EXPECT_EQ(descriptors(), open);
+        EXPECT_EQ(descriptors(daemon), open);
     }
 
     // Rounds in which `count` calls fail, from the nth on, until none is left to fail. How many.
