@@ -3,6 +3,8 @@
 #include "daemon.h"
 #include "private_mounts.h"
 
+#include <csignal>
+#include <filesystem>
 #include <sys/stat.h>
 
 namespace {
@@ -103,6 +105,18 @@ TEST_F(TerminalFiles, ADirectoryThatOthersMayWriteIsNotUsed) {
     Client client(socket_path);
     EXPECT_EQ(show(client).status, 0);
     EXPECT_EQ(read_file(file(0)), "");
+    EXPECT_EQ(running(), whole);
+}
+
+TEST_F(TerminalFiles, AFullStandardOutputDoesNoHarm) {
+    end_daemon(SIGTERM);
+    std::filesystem::remove(directory + "/daemon.out");
+    ASSERT_EQ(symlink("/dev/full", (directory + "/daemon.out").c_str()), 0);
+    start_daemon();
+    ASSERT_EQ(ctl({"load", "-"}, many_rules()).status, 0);
+    // Each of these says something there.
+    for (int i = 0; i < 100; i++)
+        ctl({"rule", "web", "permit src-range 10.0.0.9 10.0.0.1"});
     EXPECT_EQ(running(), whole);
 }
 
