@@ -175,8 +175,8 @@ void lose(ubus_context *ctx) {
         ctx->connection_lost(ctx);
 }
 
-// The loop lets go of a connection that has ended, and nothing tells of it again: what is left in it
-// is read up to the end.
+// The loop lets go of a connection that has ended, and nothing tells of it again: what is left in
+// it is read up to the end.
 void on_socket(uloop_fd *u, unsigned int) {
     auto *ctx = container_of(u, ubus_context, sock);
     while (receive(ctx, 0) && u->error) {

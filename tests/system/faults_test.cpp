@@ -263,8 +263,8 @@ struct SystemCall {
     bool loses_requests; // the connection ends with it
     bool is_silent;      // a rule can be refused without a word, and its record is lost
 
-    friend std::ostream &operator<<(std::ostream &out, const SystemCall &call) {
-        return out << call.name;
+    friend std::ostream &operator<<(std::ostream &out, const SystemCall &shown) {
+        return out << shown.name;
     }
 };
 

@@ -273,7 +273,7 @@ class Worker {
         std::map<int, int> last;
         std::istringstream lines(rules);
         for (std::string line; std::getline(lines, line);) {
-            int client, high, low;
+            int client = 0, high = 0, low = 0;
             const size_t at = line.find("10.");
             expect(at != std::string::npos &&
                        sscanf(line.c_str() + at, "10.%d.%d.%d", &client, &high, &low) == 3,
