@@ -1,0 +1,105 @@
+// What the fuzzers share: reading an input piece by piece, and the service without lists on the
+// fake platform.
+#pragma once
+
+#include "fixture.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace fuzz {
+
+// Ends the process with a message where a promise is broken, so that the input is kept.
+inline void require(bool kept, const char *promise) {
+    if (kept)
+        return;
+    fprintf(stderr, "broken promise: %s\n", promise);
+    abort();
+}
+
+// An input, taken from the front. What lies beyond its end reads as zero or as nothing.
+class Input {
+  public:
+    Input(const uint8_t *data, size_t size) : rest_(reinterpret_cast<const char *>(data), size) {}
+
+    bool empty() const { return rest_.empty(); }
+    std::string_view rest() { return bytes(rest_.size()); }
+    std::string_view bytes(size_t count) {
+        const std::string_view taken = rest_.substr(0, count);
+        rest_.remove_prefix(taken.size());
+        return taken;
+    }
+    // Up to the next `end`, which is taken too.
+    std::string_view until(char end) {
+        const std::string_view taken = bytes(std::min(rest_.find(end), rest_.size()));
+        bytes(1);
+        return taken;
+    }
+    uint8_t byte() { return number<uint8_t>(); }
+    uint16_t half() { return number<uint16_t>(); }
+    uint32_t word() { return number<uint32_t>(); }
+    uint8_t below(uint8_t end) { return static_cast<uint8_t>(byte() % end); }
+    template <class T, size_t N>
+    T of(const T (&values)[N]) {
+        return values[byte() % N];
+    }
+
+  private:
+    template <class T>
+    T number() {
+        T value = 0;
+        const std::string_view taken = bytes(sizeof value);
+        taken.copy(reinterpret_cast<char *>(&value), taken.size());
+        return value;
+    }
+
+    std::string_view rest_;
+};
+
+// What the service prints to standard output is of no use here, and there is a lot of it.
+inline void silence() { require(freopen("/dev/null", "w", stdout), "standard output is silent"); }
+
+// The service for one input: no lists, an interface or two. Afterwards all of it is gone, and every
+// block that is still there must be one that is specified to be lost.
+class Service : private ServiceTest {
+  public:
+    static constexpr const char *kAddress = "10.0.0.1";
+    static constexpr const char *kMask = "255.255.255.0";
+
+    Service() = delete;
+    template <class F>
+    static void run(F &&body) {
+        const size_t start = fake::mark();
+        fake::set_interface("vlan1", 1, "10.1.0.1", "255.255.0.0");
+        fake::set_interface("vlan10", 10, kAddress, kMask);
+        may_lose = 0;
+        body();
+        delete_lists();
+        clear();
+        require(fake::free_lost(start) <= may_lose, "no more memory is lost than specified");
+    }
+    static inline size_t may_lose;
+
+  private:
+    void TestBody() override {}
+    // One at a time, each filed where its name says: a name that was cut lies in another bucket.
+    static void delete_lists() {
+        for (ipacl *&head : hash_table) {
+            while (ipacl *list = head) {
+                head = list->next;
+                list->next = nullptr;
+                ipacl *&home = hash_table[hash_char(list->name)];
+                ipacl *others = std::exchange(home, list);
+                require(ipacl_delete(list->name, list->is_standard), "a list can be deleted");
+                home = others;
+            }
+        }
+    }
+};
+
+} // namespace fuzz
