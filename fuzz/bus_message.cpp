@@ -1,8 +1,10 @@
 // Requests to the object "L.IPACL": any method, attributes of any name, type and content, well and
 // badly formed, as the bus wrapper hands them over. Every request is served; none is lost track of.
 
+#include "lists.h"
 #include "wire.h"
 
+#include "obj_ipacl.h"
 #include "platform/linux/ebus_narrow.h"
 #include "platform/vty.h"
 

@@ -1,8 +1,5 @@
-// What the fuzzers share: reading an input piece by piece, and the service without lists on the
-// fake platform.
+// What all fuzzers share: reading an input piece by piece, and keeping promises.
 #pragma once
-
-#include "fixture.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -10,7 +7,6 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace fuzz {
 
@@ -63,43 +59,5 @@ class Input {
 
 // What the service prints to standard output is of no use here, and there is a lot of it.
 inline void silence() { require(freopen("/dev/null", "w", stdout), "standard output is silent"); }
-
-// The service for one input: no lists, an interface or two. Afterwards all of it is gone, and every
-// block that is still there must be one that is specified to be lost.
-class Service : private ServiceTest {
-  public:
-    static constexpr const char *kAddress = "10.0.0.1";
-    static constexpr const char *kMask = "255.255.255.0";
-
-    Service() = delete;
-    template <class F>
-    static void run(F &&body) {
-        const size_t start = fake::mark();
-        fake::set_interface("vlan1", 1, "10.1.0.1", "255.255.0.0");
-        fake::set_interface("vlan10", 10, kAddress, kMask);
-        may_lose = 0;
-        body();
-        delete_lists();
-        clear();
-        require(fake::free_lost(start) <= may_lose, "no more memory is lost than specified");
-    }
-    static inline size_t may_lose;
-
-  private:
-    void TestBody() override {}
-    // One at a time, each filed where its name says: a name that was cut lies in another bucket.
-    static void delete_lists() {
-        for (ipacl *&head : hash_table) {
-            while (ipacl *list = head) {
-                head = list->next;
-                list->next = nullptr;
-                ipacl *&home = hash_table[hash_char(list->name)];
-                ipacl *others = std::exchange(home, list);
-                require(ipacl_delete(list->name, list->is_standard), "a list can be deleted");
-                home = others;
-            }
-        }
-    }
-};
 
 } // namespace fuzz

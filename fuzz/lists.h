@@ -1,12 +1,53 @@
-// Lists out of a configuration text, and what reads them.
+// The service on the fake platform, lists out of a configuration text, and what reads them.
 #pragma once
 
 #include "aclapi_kind.h"
+#include "fixture.h"
 #include "fuzz.h"
 #include "ipaclext.h"
 #include "ipaclstd.h"
 
+#include <utility>
+
 namespace fuzz {
+
+// The service for one input: no lists, an interface or two. Afterwards all of it is gone, and every
+// block that is still there must be one that is specified to be lost.
+class Service : private ServiceTest {
+  public:
+    static constexpr const char *kAddress = "10.0.0.1";
+    static constexpr const char *kMask = "255.255.255.0";
+
+    Service() = delete;
+    template <class F>
+    static void run(F &&body) {
+        const size_t start = fake::mark();
+        fake::set_interface("vlan1", 1, "10.1.0.1", "255.255.0.0");
+        fake::set_interface("vlan10", 10, kAddress, kMask);
+        may_lose = 0;
+        body();
+        delete_lists();
+        clear();
+        require(fake::free_lost(start) <= may_lose, "no more memory is lost than specified");
+    }
+    static inline size_t may_lose;
+
+  private:
+    void TestBody() override {}
+    // One at a time, each filed where its name says: a name that was cut lies in another bucket.
+    static void delete_lists() {
+        for (ipacl *&head : hash_table) {
+            while (ipacl *list = head) {
+                head = list->next;
+                list->next = nullptr;
+                ipacl *&home = hash_table[hash_char(list->name)];
+                ipacl *others = std::exchange(home, list);
+                require(ipacl_delete(list->name, list->is_standard), "a list can be deleted");
+                home = others;
+            }
+        }
+    }
+};
 
 // Plays configuration lines straight into the service, without the bus: headers, rules, "!".
 class Loader {

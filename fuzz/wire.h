@@ -2,7 +2,6 @@
 #pragma once
 
 #include "fuzz.h"
-#include "obj_ipacl.h"
 
 #include <libubus.h>
 
@@ -23,19 +22,9 @@ struct Blob {
 
 // Names that somebody on the bus asks for, and two that nobody does.
 inline const char *name(Input &in) {
-    static const char *const names[] = {ipacl_policy[IPACL_NAME].name,
-                                        ipacl_policy[IPACL_ACTION].name,
-                                        ipacl_policy[IPACL_MOUDLE].name,
-                                        ipacl_policy[IPACL_TYPE].name,
-                                        ipacl_policy[IPACL_RULE].name,
-                                        ipacl_policy[IPACL_RULE_STRUCT].name,
-                                        ipacl_policy[IPACL_HANDLER].name,
-                                        "object",
-                                        "pattern",
-                                        "id",
-                                        "data",
-                                        "",
-                                        "other"};
+    static const char *const names[] = {
+        "name",   "action",  "moudle", "type", "rule", "rule_struct", "cmd_handler",
+        "object", "pattern", "id",     "data", "",     "other"};
     return in.of(names);
 }
 
