@@ -8,6 +8,7 @@
 #include "acl_lock.h"
 #include "acl_words.h"
 
+#include <algorithm>
 #include <iterator>
 #include <syslog.h>
 #include <utility>
@@ -159,7 +160,7 @@ uint32_t check_and_log(const acl_info *info, const char *name, int level, const 
     return result;
 }
 
-// Reads fields of a frame; what is not wholly inside it is zero.
+// Reads fields of a frame; what lies beyond its end is zero.
 class Frame {
   public:
     explicit Frame(const message *m)
@@ -169,8 +170,8 @@ class Frame {
     template <class T>
     T raw(size_t offset) const {
         T value = 0;
-        if (offset + sizeof value <= size_)
-            memcpy(&value, data_ + offset, sizeof value);
+        if (offset < size_)
+            memcpy(&value, data_ + offset, std::min(sizeof value, size_ - offset));
         return value;
     }
     uint8_t byte(size_t offset) const { return raw<uint8_t>(offset); }

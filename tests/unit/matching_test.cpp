@@ -617,4 +617,13 @@ TEST_F(Matching, WhatLiesBeyondTheEndOfAFrameIsZero) {
     EXPECT_EQ(ipacl_check_test(&turned, "e"), kMiss);
 }
 
+TEST_F(Matching, AFieldThatTheEndOfAFrameCutsIsFilledUpWithZeroes) {
+    extended("permit ip 10.0.0.0 255.255.255.255 any");
+    const Raw frame(6); // from 10.0.0.1
+    EXPECT_EQ(frame.check("e", 26), kMiss);
+    for (const size_t size : {27U, 28U, 29U})
+        EXPECT_EQ(frame.check("e", size), 1U) << size;
+    EXPECT_EQ(frame.check("e", 30), kMiss);
+}
+
 } // namespace
