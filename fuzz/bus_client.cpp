@@ -278,6 +278,10 @@ class Client {
         case 12:
             reconnect();
             break;
+        case 13:
+            if (subscriber_.obj.id)
+                ubus_unregister_subscriber(ctx_, &subscriber_);
+            break;
         default:
             broker->act();
             pass();

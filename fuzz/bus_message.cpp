@@ -45,6 +45,43 @@ struct Message {
     std::unique_ptr<uint32_t[]> words;
 };
 
+template <class Rule>
+void add_record(blob_buf &buf, const Rule *rule, int32_t figure) {
+    Rule record = rule ? *rule : Rule{};
+    record.port_precedence = figure;
+    blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "rule_struct", &record, sizeof record);
+}
+
+// What the hardware layer sends: the record of a rule that some list holds.
+void report_from_hardware(fuzz::Input &in) {
+    fuzz::Blob fields;
+    const int32_t figure = in.byte();
+    acl::for_each_list([&](const ipacl &list) {
+        blobmsg_buf_init(&fields.buf);
+        blobmsg_add_string(&fields.buf, "name", list.name);
+        blobmsg_add_u8(&fields.buf, "action", IPACL_ACTION_EDIT);
+        blobmsg_add_u8(&fields.buf, "moudle", IPACL_MOUDLE_HAL);
+        blobmsg_add_u8(&fields.buf, "type", static_cast<uint8_t>(list.is_standard));
+        if (list.is_standard)
+            add_record(fields.buf, list.ipacl_s, figure);
+        else
+            add_record(fields.buf, list.ipacl_e, figure);
+        fuzz::require(ipacl_action(nullptr, "action", fields.buf.head, nullptr) == 0,
+                      "a record of the right size is taken");
+        fuzz::require((!list.ipacl_s || list.ipacl_s->status != 1 ||
+                       list.ipacl_s->port_precedence == figure) &&
+                          (!list.ipacl_e || list.ipacl_e->status != 1 ||
+                           list.ipacl_e->port_precedence == figure),
+                      "the rule has the figures that were sent");
+    });
+}
+
+// What requests can meet but not bring about: another status of a list, another terminal.
+void disturb(fuzz::Input &in) {
+    acl::for_each_list([status = in.below(6)](ipacl &list) { list.status = status; });
+    log_print_handler = in.below(3);
+}
+
 void request(fuzz::Input &in) {
     const auto &method = ipacl_methods[in.below(std::size(ipacl_methods))];
     const uint8_t how = in.byte();
@@ -64,13 +101,25 @@ void request(fuzz::Input &in) {
     blob_buf_free(&reply);
 }
 
+void step(fuzz::Input &in) {
+    switch (in.below(16)) {
+    case 14:
+        return report_from_hardware(in);
+    case 15:
+        return disturb(in);
+    default:
+        return request(in);
+    }
+}
+
 } // namespace
 
 // The files of a terminal, which are not to be real ones.
 extern "C" {
 FILE *fopen(const char *path, const char *mode) {
     if (is_terminal(path))
-        return path[strlen(path) - 1] == '0' ? fdopen(open("/dev/null", O_WRONLY), mode) : nullptr;
+        return path[strlen(path) - 1] == '0' ? fdopen(open("/dev/null", O_RDWR | O_CLOEXEC), mode)
+                                             : nullptr;
     static const auto real =
         reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen"));
     return real(path, mode);
@@ -91,7 +140,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (in.below(2))
             fake::set_vty_prefix(kTerminal);
         while (!in.empty())
-            request(in);
+            step(in);
         fuzz::require(!log_print_fp_0 && !log_print_fp_1, "a terminal's files are closed again");
     });
     return 0;

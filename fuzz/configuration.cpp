@@ -8,17 +8,6 @@ namespace {
 
 constexpr size_t kMaxLines = 200; // the merger compares every pair of rules, time and again
 
-int discard(const char *, ...) { return 0; }
-
-void read_with_every_renderer(ipacl &list) {
-    print_rule(&list);
-    show_rule(&list, 2);
-    show_ip_acl_rule(&list, IPACL_SHOW_PACKETS | IPACL_SHOW_BYTES, discard);
-    print_ipaclrule_byname(list.name);
-    ipacl_show_json(list.name, list.is_standard);
-    trace_print_rule(&list, 3);
-}
-
 void decompose(const ipacl_standard_rule *rule) {
     for (; rule; rule = rule->ipacl_next) {
         ipacl *blocks = acl_rule_IPrange_decompose(rule, 1);
@@ -65,7 +54,7 @@ void read_all() {
     snapshot();
     acl::for_each_list([](ipacl &list) {
         fuzz::require(list.rule_count == fuzz::rules_of(list), "a list counts its rules");
-        read_with_every_renderer(list);
+        fuzz::read_with_every_renderer(list);
         decompose(list.ipacl_s);
         copy(list);
         merge(list);

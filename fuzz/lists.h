@@ -133,4 +133,15 @@ inline size_t rules_of(const ipacl &list) {
     return list.is_standard == 1 ? length(list.ipacl_s) : length(list.ipacl_e);
 }
 
+inline int discard(const char *, ...) { return 0; }
+
+inline void read_with_every_renderer(ipacl &list) {
+    print_rule(&list);
+    show_rule(&list, 2);
+    show_ip_acl_rule(&list, IPACL_SHOW_PACKETS | IPACL_SHOW_BYTES, discard);
+    print_ipaclrule_byname(list.name);
+    ipacl_show_json(list.name, list.is_standard);
+    trace_print_rule(&list, 3);
+}
+
 } // namespace fuzz

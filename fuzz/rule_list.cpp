@@ -47,7 +47,7 @@ void fill(Extended &rule, fuzz::Input &in) {
                               IPACL_FLAG_PERMIT | IPACL_FLAG_FRAGMENT | IPACL_FLAG_OFFSET,
                               IPACL_FLAG_PERMIT | IPACL_FLAG_DONT_FRAGMENT,
                               IPACL_FLAG_PERMIT | IPACL_FLAG_TTL | IPACL_FLAG_TOTALLEN};
-    rule.flags = in.of(flags);
+    rule.flags = in.below(4) ? in.of(flags) : in.half();
     rule.protcol = in.below(2);
     fill_name(rule.src_vlan_name, in);
     fill_name(rule.dst_vlan_name, in);
@@ -377,6 +377,8 @@ void play(fuzz::Input &in, bool is_standard) {
         model.step();
         model.expect_same();
     }
+    ipacl_debug_flag = 0xFFFF;
+    fuzz::read_with_every_renderer(*ipacl_config_find("l"));
 }
 
 } // namespace
