@@ -44,7 +44,7 @@ struct Peer {
 
 class Script {
   public:
-    explicit Script(fuzz::Input in) : in_(in) {
+    explicit Script(fuzz::Input &in) : in_(in) {
         stop_ = eventfd(0, EFD_CLOEXEC);
         connect(peers_[0]);
     }
@@ -113,7 +113,7 @@ class Script {
             ::send(peer.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
 
-    fuzz::Input in_;
+    fuzz::Input &in_;
     int stop_;
     std::array<Peer, kPeers> peers_;
 };
@@ -176,13 +176,12 @@ group *getgrgid(gid_t) {
 
 } // extern "C"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+void fuzz::play(Input &in) {
     next_id = 0;
     busd::Broker broker;
     fuzz::require(broker.listen(kPath) == 0, "the broker can listen");
-    Script steps(fuzz::Input(data, size));
+    Script steps(in);
     script = &steps;
     broker.run(steps.stop());
     script = nullptr;
-    return 0;
 }

@@ -337,11 +337,9 @@ int poll(pollfd *fds, nfds_t count, int) {
 
 } // extern "C"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::Input in(data, size);
+void fuzz::play(Input &in) {
     Broker other_side(in);
     broker = &other_side;
     Client(in).play();
     broker = nullptr;
-    return 0;
 }

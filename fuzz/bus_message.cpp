@@ -129,13 +129,7 @@ int chmod(const char *path, mode_t mode) noexcept {
 }
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::Input in(data, size);
+void fuzz::play(Input &in) {
     fuzz::Service::run([&] {
         if (in.below(2))
             fake::set_vty_prefix(kTerminal);
@@ -143,5 +137,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             step(in);
         fuzz::require(!log_print_fp_0 && !log_print_fp_1, "a terminal's files are closed again");
     });
-    return 0;
 }

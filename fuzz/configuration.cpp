@@ -65,20 +65,14 @@ void read_all() {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string_view text(reinterpret_cast<const char *>(data), size);
+void fuzz::play(Input &in) {
+    const std::string_view text = in.rest();
     if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) > kMaxLines)
-        return -1;
+        return;
     fuzz::Service::run([&] {
         ipacl_init();
         ipacl_debug_flag = text.starts_with("#") ? 0xFFFF : 0;
         fuzz::Loader(true).load(text);
         read_all();
     });
-    return 0;
 }

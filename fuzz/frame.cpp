@@ -21,13 +21,7 @@ std::vector<uint32_t> verdicts(std::string_view frame) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::Input in(data, size);
+void fuzz::play(Input &in) {
     fuzz::Service::run([&] {
         fuzz::Loader(false).load(in.until('\0'));
         const std::string frame(in.rest());
@@ -40,5 +34,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         fuzz::require(found == verdicts(frame + std::string(128, '\0')),
                       "what lies beyond a frame reads as zero");
     });
-    return 0;
 }

@@ -7,12 +7,13 @@
 #include "lists.h"
 
 #include "ipacl_netlink.h"
+#include "netlink_message.h"
 
 #include <cstring>
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using namespace netlink;
 
 struct Interface {
     const char *name;
@@ -20,40 +21,13 @@ struct Interface {
 };
 constexpr Interface kInterfaces[] = {{"vlan1", 1}, {"vlan10", 10}, {"eth0", 2}};
 
-template <class T>
-void append(Bytes &bytes, const T &value) {
-    const auto *raw = reinterpret_cast<const unsigned char *>(&value);
-    bytes.insert(bytes.end(), raw, raw + sizeof value);
-}
-
-void append(Bytes &bytes, std::string_view text) {
-    bytes.insert(bytes.end(), text.begin(), text.end());
-}
-
-void pad(Bytes &bytes) { bytes.resize((bytes.size() + 3) & ~size_t{3}); }
-
-// A message whose lengths are right, unless `broken`.
-Bytes message(uint16_t type, unsigned index, fuzz::Input &in, uint8_t broken) {
-    Bytes attributes;
+Bytes attributes(fuzz::Input &in) {
+    Bytes all;
     for (uint8_t count = in.below(4); count > 0; count--) {
-        const uint16_t kind = in.below(12);
-        const std::string_view value = in.bytes(in.below(40));
-        append(attributes, static_cast<uint16_t>(sizeof(rtattr) + value.size()));
-        append(attributes, kind);
-        append(attributes, value);
-        pad(attributes);
+        const uint16_t type = in.below(12);
+        all = all + attribute(type, in.bytes(in.below(40)));
     }
-    nlmsghdr header{};
-    header.nlmsg_len =
-        static_cast<uint32_t>(NLMSG_LENGTH(sizeof(ifaddrmsg)) + attributes.size()) - broken;
-    header.nlmsg_type = type;
-    ifaddrmsg body{};
-    body.ifa_index = index;
-    Bytes bytes;
-    append(bytes, header);
-    append(bytes, body);
-    bytes.insert(bytes.end(), attributes.begin(), attributes.end());
-    return bytes;
+    return all;
 }
 
 void receive(const Bytes &datagram) {
@@ -67,11 +41,14 @@ void receive(const Bytes &datagram) {
 void receive_several(fuzz::Input &in) {
     Bytes datagram;
     for (uint8_t count = in.below(6); count > 0; count--) {
-        const Bytes next = message(in.byte(), in.below(12), in, in.below(32));
-        datagram.insert(datagram.end(), next.begin(), next.end());
+        const uint16_t type = in.byte();
+        const uint32_t index = in.below(12);
+        Bytes next = notification(type, index, attributes(in));
+        next[0] = static_cast<unsigned char>(next[0] - in.below(32)); // a length that is not so
+        datagram = datagram + next;
     }
-    append(datagram, in.bytes(in.byte()));
-    receive(datagram);
+    const std::string_view tail = in.bytes(in.byte());
+    receive(datagram + Bytes(tail.begin(), tail.end()));
 }
 
 bool names(const char *name, const char *interface) {
@@ -82,7 +59,7 @@ void receive_about(const Interface &interface, fuzz::Input &in) {
     // Under its own name alone: a label counts only for an interface that is gone.
     fake::set_interface(interface.name, interface.index, fuzz::Service::kAddress,
                         fuzz::Service::kMask);
-    receive(message(RTM_NEWADDR, interface.index, in, 0));
+    receive(notification(RTM_NEWADDR, interface.index, attributes(in)));
     for (const auto *node = ipacl_vlanname_list_head; node; node = node->next) {
         if (!node->rule)
             continue;
@@ -98,12 +75,16 @@ void receive_about(const Interface &interface, fuzz::Input &in) {
     }
 }
 
+void change(const Interface &interface, uint8_t has) {
+    fake::set_interface(interface.name, interface.index, has & 1 ? "10.9.0.1" : "",
+                        has & 2 ? "255.0.0.0" : "");
+}
+
 void step(fuzz::Input &in) {
     const Interface &interface = kInterfaces[in.below(std::size(kInterfaces))];
     switch (in.below(8)) {
     case 0:
-        fake::set_interface(interface.name, interface.index, in.below(2) ? "10.9.0.1" : "",
-                            in.below(2) ? "255.0.0.0" : "");
+        change(interface, in.below(4));
         break;
     case 1:
         fake::remove_interface(interface.name);
@@ -137,13 +118,7 @@ void step(fuzz::Input &in) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::Input in(data, size);
+void fuzz::play(Input &in) {
     fuzz::Service::run([&] {
         fuzz::Loader(false).load(in.until('\0'));
         while (!in.empty())
@@ -151,5 +126,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const fake::Sockets sockets = fake::sockets();
         fuzz::require(sockets.opened <= sockets.closed + 1, "sockets are closed again");
     });
-    return 0;
 }

@@ -26,16 +26,10 @@ void expect_same(const std::string &first, const std::string &second) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string first = text_of({reinterpret_cast<const char *>(data), size});
+void fuzz::play(Input &in) {
+    const std::string first = text_of(in.rest());
     const std::string second = text_of(first);
     if (first.find(" ftp-data") == std::string::npos)
         expect_same(first, second);
     expect_same(second, text_of(second));
-    return 0;
 }

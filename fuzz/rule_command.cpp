@@ -32,7 +32,7 @@ void write_one_line(const ipacl &list) {
                   "the one-line form is as long as it says");
 }
 
-void play(bool standard, const std::string &text) {
+void type(bool standard, const std::string &text) {
     const ipacl &list = *get_ipacl_byname("l", standard);
     if (command(standard, text) < 0 || fuzz::rules_of(list) == 0)
         return expect_rules(list, 0);
@@ -47,17 +47,10 @@ void play(bool standard, const std::string &text) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::Input in(data, size);
+void fuzz::play(Input &in) {
     const uint8_t kind = in.byte();
     fuzz::Service::run([&] {
         fake::fail_socket(kind == 'E');
-        play(kind == 's', std::string(in.rest()));
+        type(kind == 's', std::string(in.rest()));
     });
-    return 0;
 }

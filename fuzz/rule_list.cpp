@@ -170,7 +170,7 @@ class Model {
         case 0:
         case 1:
         case 2:
-            return insert(content, in_.below(3) ? 0 : at, in_.below(2));
+            return insert(content, in_.below(3) ? 0 : at, at % 2 == 0);
         case 3:
             return append(content);
         case 4:
@@ -371,7 +371,7 @@ class Model {
 };
 
 template <class Rule>
-void play(fuzz::Input &in, bool is_standard) {
+void play_kind(fuzz::Input &in, bool is_standard) {
     Model<Rule> model(in, is_standard);
     while (!in.empty()) {
         model.step();
@@ -383,19 +383,12 @@ void play(fuzz::Input &in, bool is_standard) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::silence();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    fuzz::Input in(data, size);
+void fuzz::play(Input &in) {
     const bool is_standard = in.below(2);
     fuzz::Service::run([&] {
         if (is_standard)
-            play<Standard>(in, true);
+            play_kind<Standard>(in, true);
         else
-            play<Extended>(in, false);
+            play_kind<Extended>(in, false);
     });
-    return 0;
 }

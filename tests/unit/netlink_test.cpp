@@ -3,46 +3,14 @@
 #include "fixture.h"
 
 #include "ipacl_netlink.h"
+#include "netlink_message.h"
 #include "platform/sys.h"
 
 #include <cstring>
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-template <class T>
-void append(Bytes &bytes, const T &value) {
-    const auto *raw = reinterpret_cast<const unsigned char *>(&value);
-    bytes.insert(bytes.end(), raw, raw + sizeof value);
-}
-
-Bytes attribute(uint16_t type, const std::string &payload) {
-    Bytes bytes;
-    append(bytes, static_cast<uint16_t>(4 + payload.size()));
-    append(bytes, type);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    bytes.resize((bytes.size() + 3) & ~size_t{3});
-    return bytes;
-}
-
-Bytes message(uint16_t type, uint32_t index, const Bytes &attributes = {}) {
-    nlmsghdr header{};
-    header.nlmsg_len = static_cast<uint32_t>(24 + attributes.size());
-    header.nlmsg_type = type;
-    ifaddrmsg body{};
-    body.ifa_index = index;
-    Bytes bytes;
-    append(bytes, header);
-    append(bytes, body);
-    bytes.insert(bytes.end(), attributes.begin(), attributes.end());
-    return bytes;
-}
-
-Bytes operator+(Bytes a, const Bytes &b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+using namespace netlink;
 
 class Netlink : public ServiceTest {
   protected:
@@ -70,7 +38,7 @@ class Netlink : public ServiceTest {
 
 TEST_F(Netlink, ASourceTakesTheAddressAndItsListIsAnnounced) {
     auto *rule = add("vlan10", "");
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 1U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 1U);
     EXPECT_EQ(rule->srcaddr.s_addr, ip("10.0.0.1").s_addr);
     EXPECT_EQ(rule->srcmsk.s_addr, ip("255.255.255.0").s_addr);
     EXPECT_EQ(rule->dstaddr.s_addr, 0U);
@@ -80,25 +48,25 @@ TEST_F(Netlink, ASourceTakesTheAddressAndItsListIsAnnounced) {
 
 TEST_F(Netlink, AnUnchangedSourceIsNotAnnounced) {
     add("vlan10", "");
-    receive(message(RTM_NEWADDR, 10));
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 0U);
+    receive(notification(RTM_NEWADDR, 10));
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 0U);
     fake::set_interface("vlan10", 10, "10.0.0.1", "255.255.0.0"); // the mask alone
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 1U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 1U);
 }
 
 TEST_F(Netlink, ADestinationIsRewrittenAndAnnouncedEveryTime) {
     auto *rule = add("", "vlan10");
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 1U);
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 1U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 1U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 1U);
     EXPECT_EQ(rule->dstaddr.s_addr, ip("10.0.0.1").s_addr);
     EXPECT_EQ(rule->dstmsk.s_addr, ip("255.255.255.0").s_addr);
 }
 
 TEST_F(Netlink, ARemovalWaitsAndLeavesAddressZeroWithAHostMask) {
     auto *rule = add("vlan10", "");
-    receive(message(RTM_NEWADDR, 10));
+    receive(notification(RTM_NEWADDR, 10));
     fake::set_interface("vlan10", 10, "", "");
-    EXPECT_EQ(receive(message(RTM_DELADDR, 10)), 1U);
+    EXPECT_EQ(receive(notification(RTM_DELADDR, 10)), 1U);
     EXPECT_EQ(fake::take_slept(), 10000U);
     EXPECT_EQ(rule->srcaddr.s_addr, 0U);
     EXPECT_EQ(rule->srcmsk.s_addr, INADDR_BROADCAST);
@@ -107,18 +75,18 @@ TEST_F(Netlink, ARemovalWaitsAndLeavesAddressZeroWithAHostMask) {
 TEST_F(Netlink, AddressAndMaskAreReadIndependently) {
     auto *rule = add("vlan10", "");
     fake::set_interface("vlan10", 10, "", "255.255.255.0");
-    receive(message(RTM_NEWADDR, 10));
+    receive(notification(RTM_NEWADDR, 10));
     EXPECT_EQ(rule->srcaddr.s_addr, 0U);
     EXPECT_EQ(rule->srcmsk.s_addr, ip("255.255.255.0").s_addr);
     fake::set_interface("vlan10", 10, "10.0.0.1", "");
-    receive(message(RTM_NEWADDR, 10));
+    receive(notification(RTM_NEWADDR, 10));
     EXPECT_EQ(rule->srcaddr.s_addr, ip("10.0.0.1").s_addr);
     EXPECT_EQ(rule->srcmsk.s_addr, INADDR_BROADCAST);
 }
 
 TEST_F(Netlink, AnyOtherMessageTypeIsHandledAlike) {
     add("vlan10", "");
-    EXPECT_EQ(receive(message(99, 10)), 1U);
+    EXPECT_EQ(receive(notification(99, 10)), 1U);
     EXPECT_EQ(fake::take_slept(), 0U);
 }
 
@@ -126,9 +94,9 @@ TEST_F(Netlink, AnInterfaceNameMatchesAsAPrefix) {
     fake::set_interface("vlan1", 1, "10.1.0.1", "255.255.255.0");
     auto *ten = add("vlan10", "");
     auto *one = add("vlan1", "");
-    receive(message(RTM_NEWADDR, 1));
+    receive(notification(RTM_NEWADDR, 1));
     EXPECT_EQ(ten->srcaddr.s_addr, ip("10.1.0.1").s_addr);
-    receive(message(RTM_NEWADDR, 10));
+    receive(notification(RTM_NEWADDR, 10));
     EXPECT_EQ(ten->srcaddr.s_addr, ip("10.0.0.1").s_addr);
     EXPECT_EQ(one->srcaddr.s_addr, ip("10.1.0.1").s_addr);
 }
@@ -139,53 +107,54 @@ TEST_F(Netlink, OnceSomethingChangedEveryLaterNodeAnnouncesTheLastListAgain) {
     add("vlan10", "");
     add("eth1", "", "other");
     add("eth2", "", "other");
-    fake::queue_datagram(message(RTM_NEWADDR, 10) + message(RTM_NEWADDR, 10));
+    fake::queue_datagram(notification(RTM_NEWADDR, 10) + notification(RTM_NEWADDR, 10));
     uloop_fd u{};
     ipacl_cb(&u, 0);
     const auto syncs = fake::take_syncs();
     ASSERT_EQ(syncs.size(), 3U + 4U); // and still so in the second message
     for (const auto &sync : syncs)
         EXPECT_EQ(sync.name, "web");
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 0U); // a new datagram begins anew
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 0U); // a new datagram begins anew
 }
 
 TEST_F(Netlink, AMarkedNodeIsSkipped) {
     add("vlan10", "");
     delete_acl_rule_location(ipacl_config_find("web"), nullptr, 1);
     ASSERT_NE(ipacl_vlanname_list_head, nullptr);
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 0U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 0U);
 }
 
 TEST_F(Netlink, AnEmptyIndexReadsTheInterfaceButAnnouncesNothing) {
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10)), 0U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 0U);
     EXPECT_EQ(fake::take_looked_up(), (std::vector<std::string>{"vlan10", "vlan10"}));
 }
 
 TEST_F(Netlink, TheLabelNamesAnInterfaceThatIsGone) {
     auto *rule = add("vlan20", "");
     rule->srcaddr = ip("10.2.0.1");
-    EXPECT_EQ(receive(message(RTM_DELADDR, 20, attribute(IFA_LABEL, std::string("vlan20\0", 7)))),
-              1U);
+    EXPECT_EQ(
+        receive(notification(RTM_DELADDR, 20, attribute(IFA_LABEL, std::string("vlan20\0", 7)))),
+        1U);
     EXPECT_EQ(rule->srcaddr.s_addr, 0U);
 }
 
 TEST_F(Netlink, ALabelWithoutATerminatorOrTooLongIsBounded) {
     add("vlan20", "");
-    EXPECT_EQ(receive(message(RTM_DELADDR, 20, attribute(IFA_LABEL, "vlan20"))), 1U);
-    receive(message(RTM_DELADDR, 20, attribute(IFA_LABEL, std::string(40, 'x'))));
+    EXPECT_EQ(receive(notification(RTM_DELADDR, 20, attribute(IFA_LABEL, "vlan20"))), 1U);
+    receive(notification(RTM_DELADDR, 20, attribute(IFA_LABEL, std::string(40, 'x'))));
     EXPECT_EQ(fake::take_looked_up().back(), std::string(15, 'x'));
 }
 
 TEST_F(Netlink, AnEmptyNameMatchesNoNode) {
     auto *rule = add("vlan10", "vlan10");
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 77)), 0U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 77)), 0U);
     EXPECT_EQ(rule->dstmsk.s_addr, 0U);
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 77, attribute(IFA_LABEL, ""))), 0U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 77, attribute(IFA_LABEL, ""))), 0U);
 }
 
 TEST_F(Netlink, ShortDatagramsAreIgnoredInSilence) {
     add("", "vlan10");
-    Bytes whole = message(RTM_NEWADDR, 10);
+    Bytes whole = notification(RTM_NEWADDR, 10);
     for (size_t size : {0U, 1U, 15U, 16U, 23U})
         EXPECT_EQ(receive(Bytes(whole.begin(), whole.begin() + static_cast<long>(size))), 0U);
     whole[0] = 15; // a length below the header's
@@ -195,14 +164,14 @@ TEST_F(Netlink, ShortDatagramsAreIgnoredInSilence) {
 
 TEST_F(Netlink, ABrokenSizeIsLoggedAndDropsTheRest) {
     add("", "vlan10");
-    Bytes broken = message(RTM_NEWADDR, 10);
+    Bytes broken = notification(RTM_NEWADDR, 10);
     for (int length : {16, 20, 23}) {
         broken[0] = static_cast<unsigned char>(length);
-        EXPECT_EQ(receive(broken + message(RTM_NEWADDR, 10)), 0U);
+        EXPECT_EQ(receive(broken + notification(RTM_NEWADDR, 10)), 0U);
         EXPECT_EQ(fake::take_log_text(),
                   "3 ipacl: Message received from netlink is of a broken size\n");
     }
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10) + broken), 1U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10) + broken), 1U);
 }
 
 TEST_F(Netlink, AFailureToReceiveIsLogged) {
@@ -278,7 +247,7 @@ TEST_F(Netlink, ADescriptorThatTheLoopLetGoOfIsWatchedAgain) {
 TEST_F(Netlink, WithoutASocketTheRestIsDropped) {
     add("", "vlan10");
     fake::fail_socket(true);
-    EXPECT_EQ(receive(message(RTM_NEWADDR, 10) + message(RTM_NEWADDR, 10)), 0U);
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10) + notification(RTM_NEWADDR, 10)), 0U);
     EXPECT_EQ(fake::take_log_text(), "3 ipacl socket error\n");
 }
 
