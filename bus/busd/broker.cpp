@@ -135,18 +135,27 @@ int Broker::listen(const char *path) {
 }
 
 // Clients are known to epoll by their id, which is at least 1024, so nothing dangles.
-void Broker::run(int stop) {
+void Broker::run(int stop, int timer, void (*tick)()) {
     constexpr uint64_t kStop = 1;
+    constexpr uint64_t kTimer = 2;
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = kStop;
     epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, stop, &event);
+    event.data.u64 = kTimer;
+    epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, timer, &event);
     for (;;) {
         epoll_event ready[32];
         const int count = epoll_wait(epoll_fd_, ready, std::size(ready), -1);
         for (int i = 0; i < count; i++) {
             if (ready[i].data.u64 == kStop)
                 return;
+            if (ready[i].data.u64 == kTimer) {
+                uint64_t times;
+                if (read(timer, &times, sizeof times) == sizeof times)
+                    tick();
+                continue;
+            }
             if (ready[i].data.u64 == 0) {
                 accept_client();
                 continue;

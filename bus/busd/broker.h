@@ -47,8 +47,8 @@ class Broker {
   public:
     // Listens on `path`, taking it over if it is in use. 0, or errno.
     int listen(const char *path);
-    // Serves until `stop` is readable.
-    void run(int stop);
+    // Serves until `stop` is readable. Calls `tick` whenever the timer (a timerfd, or -1) runs out.
+    void run(int stop, int timer, void (*tick)());
     ~Broker();
 
   private:

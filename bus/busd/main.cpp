@@ -2,15 +2,16 @@
 
 #include "broker.h"
 
+#include "platform/linux/notify.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 namespace {
@@ -31,22 +32,16 @@ int stop_signals() {
     return signalfd(-1, &set, SFD_CLOEXEC);
 }
 
-// Tells the service manager, where there is one, that clients may connect.
-void report_ready() {
-    const char *path = getenv("NOTIFY_SOCKET");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (!path || strlen(path) >= sizeof address.sun_path)
-        return;
-    memcpy(address.sun_path, path, strlen(path));
-    if (path[0] == '@')
-        address.sun_path[0] = '\0';
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(path));
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return;
-    sendto(fd, "READY=1", 7, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), size);
-    close(fd);
+// A timer that runs out whenever the service manager wants a sign of life, or -1.
+int watchdog_timer() {
+    const int period = notify::watchdog_period();
+    if (period <= 0)
+        return -1;
+    const timespec each{period / 1000, period % 1000 * 1'000'000L};
+    const itimerspec times{each, each};
+    const int timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    timerfd_settime(timer, 0, &times, nullptr);
+    return timer;
 }
 
 } // namespace
@@ -71,7 +66,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "ipacl-busd: can't listen on %s: %s\n", path, strerror(error));
         return 1;
     }
-    report_ready();
-    broker.run(stop);
+    notify::send("READY=1");
+    broker.run(stop, watchdog_timer(), [] { notify::send(notify::kAlive); });
     return 0;
 }

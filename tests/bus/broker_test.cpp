@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/un.h>
 
 namespace {
 
@@ -206,6 +207,32 @@ TEST_F(Broker, EndsInOrderAndTakesAStaleSocketOver) {
     waitpid(process.pid(), &status, 0);
     process.start();
     expect_served(client());
+}
+
+TEST_F(Broker, TellsTheServiceManagerThatItIsReadyAndAlive) {
+    process.end(SIGTERM);
+    const std::string path = process.path() + ".notify";
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    const timeval patience{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    setenv("WATCHDOG_USEC", "20000", 1);
+    process.start();
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    std::string said;
+    for (int i = 0; i < 3; i++) {
+        char text[64];
+        const ssize_t size = recv(fd, text, sizeof text, 0);
+        said.append(text, size > 0 ? static_cast<size_t>(size) : 0).append(" ");
+    }
+    EXPECT_EQ(said, "READY=1 WATCHDOG=1 WATCHDOG=1 ");
+    close(fd);
+    unlink(path.c_str());
 }
 
 TEST_F(Broker, TheAccessControlObjectKnowsNoRules) {
