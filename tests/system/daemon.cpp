@@ -109,9 +109,13 @@ void System::await_service() {
     uint32_t id = 0;
     for (int i = 0; i < 1000 && ubus_lookup_id(ctx, "L.IPACL", &id) != 0; i++)
         rest();
+    // The object is published before the loop runs, and until it runs a SIGTERM is lost. An answer
+    // comes from the loop.
+    const int answered = ubus_invoke(ctx, id, "gsync_init", nullptr, nullptr, nullptr, 10000);
     ubus_free(ctx);
     uloop_done();
     ASSERT_NE(id, 0U) << "the service did not come";
+    ASSERT_EQ(answered, 0) << "the service does not answer";
 }
 
 void System::end_broker(int signal) { end(broker, signal); }
