@@ -10,6 +10,7 @@ namespace ipaclctl {
 
 int load_file(Service &service, const std::string &file, bool verbose);
 int show_running(Service &service);
+int save(Service &service, const std::string &file);
 int show_lists(Service &service, const std::optional<std::string> &name);
 int show_json(Service &service, const std::optional<std::string> &name, std::optional<Kind> kind);
 int create(Service &service, const std::string &name, Kind kind);

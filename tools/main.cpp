@@ -17,6 +17,9 @@ using namespace ipaclctl;
 const std::map<std::string, Kind> kKinds{{"standard", Kind::kStandard},
                                          {"extended", Kind::kExtended}};
 
+// What a service is given after each start.
+constexpr const char *kStartupConfig = "/etc/ipacl/startup-config";
+
 // What the command line asked for.
 struct Arguments {
     std::string socket;
@@ -44,6 +47,11 @@ class CommandLine {
         load->add_option("file", a_.file)->required();
         load->add_flag("-v,--verbose", a_.verbose, "say what was loaded");
         add("running-config", "write the running configuration", show_running);
+        auto *saved =
+            add("save", "write the running configuration to a file, all or nothing",
+                [this](Service &s) { return save(s, a_.file.empty() ? kStartupConfig : a_.file); });
+        saved->add_option("file", a_.file,
+                          "where to (default: " + std::string(kStartupConfig) + ")");
         auto *show = add("show", "list one access list, or all",
                          [this](Service &s) { return show_lists(s, a_.name); });
         name(show, false);
