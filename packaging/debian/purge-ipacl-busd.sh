@@ -1,0 +1,1 @@
+rmdir /run/ubus 2>/dev/null || true
