@@ -38,6 +38,16 @@ quietly() {
     fi
 }
 
+# Runs a command until it succeeds, for at most some ten seconds.
+await() {
+    tries=0
+    until "$@" >/dev/null 2>&1; do
+        tries=$((tries + 1))
+        [ "$tries" -lt 200 ] || fail "gave up waiting for: $*"
+        sleep 0.05
+    done
+}
+
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
