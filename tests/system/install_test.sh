@@ -10,7 +10,7 @@ trap 'rm -rf "$scratch"' EXIT
 for program in sbin/ipacl sbin/ipacl-busd bin/ipaclctl; do
     [ -x "$scratch/$program" ] || { echo "$program was not installed"; exit 1; }
 done
-for file in man/man1/ipaclctl.1 man/man3/libipacl.3 man/man5/ipacl.conf.5 man/man8/ipacl.8 \
+for file in man/man1/ipaclctl.1.gz man/man3/libipacl.3.gz man/man5/ipacl.conf.5.gz man/man8/ipacl.8.gz \
     bash-completion/completions/ipaclctl acl.d/ipacl.json acl.d/ipacl-operator.json; do
     [ -s "$scratch/share/$file" ] || { echo "$file was not installed"; exit 1; }
 done

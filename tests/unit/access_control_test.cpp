@@ -50,13 +50,24 @@ const cJSON *get(const Json &json, const char *key) {
 const Names kObject{ipacl_object.name};
 const Names kAnnouncement{"resource.access-list"};
 
-TEST(AccessControl, TheServiceMayPublishItselfAndAnnounceAndNothingElse) {
+// The object and all its methods, as what a user or a group may call.
+void expect_every_method(const cJSON *access) {
+    ASSERT_EQ(keys(access), kObject);
+    ASSERT_EQ(keys(access->child), Names{"methods"});
+    Names methods;
+    for (int i = 0; i < ipacl_object.n_methods; i++)
+        methods.insert(ipacl_object.methods[i].name);
+    EXPECT_EQ(strings(access->child->child), methods);
+}
+
+TEST(AccessControl, TheServiceMayPublishItselfAnnounceAndBeAskedByItsOwnUser) {
     const Json json = read_file("ipacl.json");
     ASSERT_NE(json, nullptr);
-    EXPECT_EQ(keys(json.get()), (Names{"publish", "send", "user"}));
+    EXPECT_EQ(keys(json.get()), (Names{"access", "publish", "send", "user"}));
     EXPECT_STREQ(cJSON_GetStringValue(get(json, "user")), "ipacl");
     EXPECT_EQ(strings(get(json, "publish")), kObject);
     EXPECT_EQ(strings(get(json, "send")), kAnnouncement);
+    expect_every_method(get(json, "access"));
 }
 
 TEST(AccessControl, OperatorsMayCallEveryMethodAndListenAndNothingElse) {
@@ -64,13 +75,7 @@ TEST(AccessControl, OperatorsMayCallEveryMethodAndListenAndNothingElse) {
     ASSERT_NE(json, nullptr);
     EXPECT_EQ(keys(json.get()), (Names{"access", "group", "listen"}));
     EXPECT_STREQ(cJSON_GetStringValue(get(json, "group")), "ipacl-operator");
-    const cJSON *access = get(json, "access");
-    ASSERT_EQ(keys(access), kObject);
-    ASSERT_EQ(keys(access->child), Names{"methods"});
-    Names methods;
-    for (int i = 0; i < ipacl_object.n_methods; i++)
-        methods.insert(ipacl_object.methods[i].name);
-    EXPECT_EQ(strings(access->child->child), methods);
+    expect_every_method(get(json, "access"));
     EXPECT_EQ(strings(get(json, "listen")), kAnnouncement);
 }
 
