@@ -21,7 +21,8 @@ namespace {
 int poll_fd = -1;
 int wake_pipe[2] = {-1, -1};
 int run_depth;
-int run_status;
+// The signal that ends the run; or the next one, when it came before that.
+volatile sig_atomic_t ended_by;
 uloop_fd wake;
 list_head timers = {&timers, &timers};
 list_head signals = {&signals, &signals};
@@ -39,7 +40,7 @@ void on_signal(int signo) {
 }
 
 void on_ending_signal(int signo) {
-    run_status = signo;
+    ended_by = signo;
     uloop_cancelled = true;
     on_signal(signo);
 }
@@ -155,6 +156,7 @@ int uloop_init(void) {
         uloop_done();
         return -1;
     }
+    ended_by = 0;
     for (int signo : kEnding)
         take(signo, on_ending_signal);
     if (uloop_handle_sigchld)
@@ -180,10 +182,11 @@ void uloop_done(void) {
 }
 
 int uloop_run_timeout(int timeout) {
-    run_status = 0;
     uloop_cancelled = false;
+    if (ended_by)
+        uloop_cancelled = true;
     run_depth++;
-    do {
+    while (!uloop_cancelled) {
         run_timers();
         deliver_signals();
         if (uloop_cancelled)
@@ -191,9 +194,13 @@ int uloop_run_timeout(int timeout) {
         const int next = uloop_get_next_timeout();
         const bool timer_first = next >= 0 && (timeout < 0 || next < timeout);
         poll_once(timer_first ? next : timeout);
-    } while (!uloop_cancelled && timeout < 0);
-    run_depth--;
-    return run_status;
+        if (timeout >= 0)
+            break;
+    }
+    const int status = ended_by;
+    if (--run_depth == 0)
+        ended_by = 0;
+    return status;
 }
 
 void uloop_end(void) { uloop_cancelled = true; }

@@ -124,6 +124,24 @@ TEST_F(Loop, SigtermEndsTheRunAndItsNumberIsReturned) {
     EXPECT_EQ(uloop_run(), SIGTERM);
 }
 
+// A service is asked to end as soon as its object is seen, which may be before it runs its loop.
+TEST_F(Loop, SigtermBeforeTheRunEndsItAtOnce) {
+    static uloop_timeout guard;
+    guard = {};
+    guard.cb = [](uloop_timeout *) {
+        events += "late";
+        uloop_end();
+    };
+    uloop_timeout_set(&guard, 2000);
+    raise(SIGTERM);
+    EXPECT_EQ(uloop_run(), SIGTERM);
+    EXPECT_EQ(events, "");
+    // It ended that run alone.
+    uloop_timeout_set(&guard, 0);
+    EXPECT_EQ(uloop_run(), 0);
+    EXPECT_EQ(events, "late");
+}
+
 TEST_F(Loop, ASignalOfOnesOwnIsDeliveredFromTheLoop) {
     static uloop_signal s;
     s = {};
