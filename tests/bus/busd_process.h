@@ -2,6 +2,7 @@
 #pragma once
 
 #include "exchange.h"
+#include "program.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -24,7 +25,7 @@ class BrokerProcess {
     void start() {
         pid_ = fork();
         if (pid_ == 0) {
-            execl(BUSD, "ipacl-busd", "-s", path().c_str(), nullptr);
+            execute(program(BUSD, {"-s", path()}));
             _exit(127);
         }
         for (int i = 0; i < 500; i++) {

@@ -1,5 +1,7 @@
 #include "daemon.h"
 
+#include "program.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -15,16 +17,12 @@ namespace {
 // Starts a program with standard input, output and error in files; the null name is /dev/null.
 pid_t spawn(const std::vector<std::string> &command, const char *in, const char *out,
             const char *err) {
-    std::vector<char *> argv;
-    for (const auto &word : command)
-        argv.push_back(const_cast<char *>(word.c_str()));
-    argv.push_back(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
         dup2(open(in ? in : "/dev/null", O_RDONLY), 0);
         dup2(open(out ? out : "/dev/null", O_WRONLY | O_CREAT | O_APPEND, 0600), 1);
         dup2(open(err ? err : "/dev/null", O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
-        execv(argv[0], argv.data());
+        execute(command);
         _exit(127);
     }
     return pid;
@@ -82,7 +80,7 @@ System::~System() {
 }
 
 void System::start_broker() {
-    broker = spawn({BUSD, "-s", socket_path}, nullptr, nullptr, nullptr);
+    broker = spawn(program(BUSD, {"-s", socket_path}), nullptr, nullptr, nullptr);
     for (int i = 0; i < 1000; i++, rest()) {
         if (ubus_context *ctx = ubus_connect(socket_path.c_str())) {
             ubus_free(ctx);
@@ -99,7 +97,7 @@ void System::start_daemon() {
 }
 
 void System::launch_daemon() {
-    daemon = spawn({program_}, nullptr, (directory + "/daemon.out").c_str(),
+    daemon = spawn(program(program_), nullptr, (directory + "/daemon.out").c_str(),
                    (directory + "/daemon.err").c_str());
 }
 
@@ -122,9 +120,7 @@ void System::end_broker(int signal) { end(broker, signal); }
 void System::end_daemon(int signal) { end(daemon, signal); }
 
 Outcome System::ctl(const std::vector<std::string> &arguments, const std::string &input) {
-    std::vector<std::string> command{TOOL};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return run(command, input, directory);
+    return run(program(TOOL, arguments), input, directory);
 }
 
 std::string System::write_file(const std::string &name, const std::string &text) {

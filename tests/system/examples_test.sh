@@ -20,8 +20,9 @@ cd "$work/here" || exit 1
 name=$(basename "$document")
 case $name in
 README.md) # as in the source folder, where a release was built; the document starts the service
-    mkdir build && ln -s "$build" build/release && ln -s "$source/examples" examples
-    command -v ubus >/dev/null || ln -s "$build/bin/ubus-call" "$work/ubus"
+    mkdir -p build/release && ln -s "$programs" build/release/bin
+    ln -s "$source/examples" examples
+    command -v ubus >/dev/null || ln -s "$programs/ubus-call" "$work/ubus"
     PATH=$PATH:$work
     ;;
 porting.md) # in a source folder without build
@@ -42,7 +43,11 @@ if [ "$name" = libipacl.3 ]; then # against an installation
     ASAN_OPTIONS=detect_leaks=0
     export PKG_CONFIG_PATH LD_LIBRARY_PATH ASAN_OPTIONS
     cc() {
-        command "$compiler" -Wall -Wextra -Wpedantic -Werror ${sanitizers:+-fsanitize=$sanitizers} "$@"
+        command "$compiler" -Wall -Wextra -Wpedantic -Werror ${sanitizers:+-fsanitize=$sanitizers} "$@" ||
+            return
+        [ -n "${EMULATOR:-}" ] || return 0
+        while [ "$1" != -o ]; do shift; done
+        mv "$2" "$2.program" && emulated "$PWD/$2.program" "$2"
     }
 fi
 

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs a build into a scratch folder, builds a C program with pkg-config against it and runs
 # it. Arguments: cmake, the build folder, the C compiler, the sanitizers of the build if any.
+# $EMULATOR starts a program of the build where it is for another machine.
 set -eu
 cmake=$1 build=$2 compiler=$3 sanitizers=${4:-}
 scratch=$(mktemp -d)
@@ -24,5 +25,5 @@ here=$(dirname "$0")
     "$here/../../examples/linked-component.c" -o "$scratch/component" \
     $(pkg-config --cflags --libs ipacl)
 LD_LIBRARY_PATH=$library ASAN_OPTIONS=detect_leaks=0 \
-    "$scratch/component" "$here/../../examples/branch-office.conf" >"$scratch/said"
+    ${EMULATOR:-} "$scratch/component" "$here/../../examples/branch-office.conf" >"$scratch/said"
 diff "$here/../golden/linked-component.txt" "$scratch/said"

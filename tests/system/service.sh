@@ -28,7 +28,23 @@ await() {
 chmod 0755 "$work"
 mkdir -m 0755 "$work/terminals"
 export UBUS_SOCKET="$work/bus.sock" IPACL_VTY_DIR="$work/terminals"
-PATH=$build/bin:$PATH
+
+# Makes the program $1 one that can be called as $2, where the build is for another machine:
+# $EMULATOR starts it.
+emulated() {
+    printf '#!/bin/sh\nexec %s "%s" "$@"\n' "$EMULATOR" "$1" >"$2"
+    chmod +x "$2"
+}
+
+programs=$build/bin
+if [ -n "${EMULATOR:-}" ]; then
+    programs=$work/programs
+    mkdir "$programs"
+    for program in "$build"/bin/*; do
+        emulated "$program" "$programs/$(basename "$program")"
+    done
+fi
+PATH=$programs:$PATH
 
 start_broker() {
     ipacl-busd &

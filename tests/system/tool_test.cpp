@@ -2,6 +2,8 @@
 
 #include "daemon.h"
 
+#include "program.h"
+
 #include <cjson/cJSON.h>
 
 #include <csignal>
@@ -218,7 +220,7 @@ TEST_F(Tool, ALongLoadShowsItsProgressOnATerminal) {
     int master;
     const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        execl(TOOL, "ipaclctl", "load", file.c_str(), nullptr);
+        execute(program(TOOL, {"load", file}));
         _exit(127);
     }
     std::string shown;
