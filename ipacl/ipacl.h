@@ -12,6 +12,7 @@
 #ifndef IPACL_IPACL_H
 #define IPACL_IPACL_H
 
+#include <assert.h>
 #include <netinet/in.h>
 #include <stdbool.h>
 #include <stddef.h>
@@ -230,22 +231,62 @@ typedef struct tag_ACL_RESOURCE_SYN_INFO {
 
 #ifdef __cplusplus
 }
-
-#if UINTPTR_MAX == UINT32_MAX
-static_assert(sizeof(struct ipacl_standard_rule) == 64, "crosses the bus as rule_struct");
-static_assert(sizeof(struct ipacl_extended_rule) == 192, "crosses the bus as rule_struct");
-static_assert(sizeof(struct ipacl) == 80, "read through the resource service");
-static_assert(offsetof(struct ipacl_standard_rule, flags) == 12);
-static_assert(offsetof(struct ipacl_standard_rule, status) == 28);
-static_assert(offsetof(struct ipacl_standard_rule, port_precedence) == 36);
-static_assert(offsetof(struct ipacl_standard_rule, stat_count) == 56);
-static_assert(offsetof(struct ipacl_extended_rule, srcaddr) == 28);
-static_assert(offsetof(struct ipacl_extended_rule, dstaddr) == 76);
-static_assert(offsetof(struct ipacl_extended_rule, time_range) == 108);
-static_assert(offsetof(struct ipacl_extended_rule, flags) == 132);
-static_assert(offsetof(struct ipacl_extended_rule, port_precedence) == 164);
-static_assert(offsetof(struct ipacl_extended_rule, stat_count) == 184);
 #endif
+
+/* Records cross the bus and the resource service as they lie in the device's memory. */
+#if UINTPTR_MAX == UINT32_MAX
+#define IPACL_AT(record, field, offset)                                                            \
+    static_assert(offsetof(struct record, field) == (offset), #record "." #field)
+static_assert(sizeof(struct ipacl_standard_rule) == 64, "size of ipacl_standard_rule");
+IPACL_AT(ipacl_standard_rule, srcaddr, 4);
+IPACL_AT(ipacl_standard_rule, srcmsk, 8);
+IPACL_AT(ipacl_standard_rule, flags, 12);
+IPACL_AT(ipacl_standard_rule, src_begin_addr, 16);
+IPACL_AT(ipacl_standard_rule, src_end_addr, 20);
+IPACL_AT(ipacl_standard_rule, compare_flag, 24);
+IPACL_AT(ipacl_standard_rule, any_flag, 26);
+IPACL_AT(ipacl_standard_rule, status, 28);
+IPACL_AT(ipacl_standard_rule, remark, 32);
+IPACL_AT(ipacl_standard_rule, port_precedence, 36);
+IPACL_AT(ipacl_standard_rule, slot_precedence, 48);
+IPACL_AT(ipacl_standard_rule, stat_count, 56);
+static_assert(sizeof(struct ipacl_extended_rule) == 192, "size of ipacl_extended_rule");
+IPACL_AT(ipacl_extended_rule, protcol, 4);
+IPACL_AT(ipacl_extended_rule, src_vlan_name, 6);
+IPACL_AT(ipacl_extended_rule, srcaddr, 28);
+IPACL_AT(ipacl_extended_rule, src_port, 36);
+IPACL_AT(ipacl_extended_rule, src_begin_addr, 40);
+IPACL_AT(ipacl_extended_rule, src_end_port, 50);
+IPACL_AT(ipacl_extended_rule, dst_vlan_name, 52);
+IPACL_AT(ipacl_extended_rule, dstaddr, 76);
+IPACL_AT(ipacl_extended_rule, dst_port, 84);
+IPACL_AT(ipacl_extended_rule, dst_begin_addr, 88);
+IPACL_AT(ipacl_extended_rule, dst_end_port, 98);
+IPACL_AT(ipacl_extended_rule, src_compare_flag, 100);
+IPACL_AT(ipacl_extended_rule, time_range, 108);
+IPACL_AT(ipacl_extended_rule, tos, 129);
+IPACL_AT(ipacl_extended_rule, precedence, 130);
+IPACL_AT(ipacl_extended_rule, flags, 132);
+IPACL_AT(ipacl_extended_rule, cos, 138);
+IPACL_AT(ipacl_extended_rule, is_act, 140);
+IPACL_AT(ipacl_extended_rule, fragment_flags, 144);
+IPACL_AT(ipacl_extended_rule, totallen, 146);
+IPACL_AT(ipacl_extended_rule, ttl_flags, 152);
+IPACL_AT(ipacl_extended_rule, status, 156);
+IPACL_AT(ipacl_extended_rule, remark, 160);
+IPACL_AT(ipacl_extended_rule, port_precedence, 164);
+IPACL_AT(ipacl_extended_rule, slot_precedence, 176);
+IPACL_AT(ipacl_extended_rule, stat_count, 184);
+static_assert(sizeof(struct ipacl) == 80, "size of ipacl");
+IPACL_AT(ipacl, name, 4);
+IPACL_AT(ipacl, is_standard, 28);
+IPACL_AT(ipacl, ipacl_s, 36);
+IPACL_AT(ipacl, ipacl_e, 40);
+IPACL_AT(ipacl, rule_count, 48);
+IPACL_AT(ipacl, p_mergeacl, 64);
+IPACL_AT(ipacl, status, 68);
+IPACL_AT(ipacl, p_cleanacl, 76);
+#undef IPACL_AT
 #endif
 
 #endif
