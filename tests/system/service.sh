@@ -14,16 +14,6 @@ skip() {
     exit 77
 }
 
-# Runs a command until it succeeds, for some thirty seconds at most.
-await() {
-    tries=0
-    until "$@" >/dev/null 2>&1; do
-        tries=$((tries + 1))
-        [ "$tries" -lt 600 ] || fail "waited in vain for: $*"
-        sleep 0.05
-    done
-}
-
 # The terminal files' folder stands for /run/ipacl: only its owner may write there.
 chmod 0755 "$work"
 mkdir -m 0755 "$work/terminals"
