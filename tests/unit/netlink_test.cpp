@@ -193,8 +193,8 @@ TEST_F(Netlink, AfterAnOverrunEveryNamedInterfaceIsAskedForAgain) {
     same->srcaddr = ip("10.0.0.1");
     same->srcmsk = ip("255.255.255.0");
     fake::overrun(2);
-    fake::queue_datagram(message(RTM_NEWADDR, 10));
-    fake::queue_datagram(message(RTM_NEWADDR, 10));
+    fake::queue_datagram(notification(RTM_NEWADDR, 10));
+    fake::queue_datagram(notification(RTM_NEWADDR, 10));
     uloop_fd u{};
     ipacl_cb(&u, 0);
     EXPECT_EQ(both->srcaddr.s_addr, ip("10.0.0.1").s_addr); // vlan1's is not taken for vlan10's
