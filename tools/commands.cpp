@@ -54,18 +54,8 @@ int show_running(Service &service) {
     return 0;
 }
 
-// The reply and the terminal files are two ways by which the text comes; a file that could not be
-// written to its end would go unnoticed, so the start that came with the reply and the end that
-// every configuration has must be there before the text may take the place of a saved one.
 int save(Service &service, const std::string &file) {
-    const Reply reply = service.call("showrunning", Request());
-    const std::string text =
-        reply.truncated ? service.text("showrunning", Request()) : reply.output;
-    const bool longer = text.size() > reply.output.size();
-    const bool ended = text.empty() || text.ends_with("!\n");
-    if (reply.status != 0 || longer != reply.truncated || !text.starts_with(reply.output) || !ended)
-        return result("the running configuration could not be read whole; nothing was saved");
-    return result(replace_file(file, text));
+    return result(replace_file(file, service.text("showrunning", Request())));
 }
 
 int show_lists(Service &service, const std::optional<std::string> &name) {

@@ -180,12 +180,15 @@ std::string Service::text(const char *method, Request request) {
     const HandlerFiles files;
     request.handler = files.number();
     Reply reply = call(method, request);
-    if (!reply.truncated)
+    if (reply.status == UBUS_STATUS_OK && !reply.truncated)
         if (auto text = files.read())
             return *text;
     // The files are not to be had here, or not whole; the reply carries what fits into a message.
     request.handler.reset();
     reply = call(method, request);
+    if (reply.status != UBUS_STATUS_OK)
+        throw Unreachable(std::string("the service has no text to give: ") +
+                          ubus_strerror(reply.status));
     if (reply.truncated)
         throw Unreachable("the text is too long for a bus message, and the terminal files can't "
                           "be had whole");

@@ -148,9 +148,9 @@ TEST_F(Save, WhatCanNotBeReadWholeIsNotSaved) {
     const rlimit small{600000, RLIM_INFINITY};
     ASSERT_EQ(prlimit(daemon, RLIMIT_FSIZE, &small, nullptr), 0);
     const Outcome saved = ctl({"save", file});
-    EXPECT_EQ(saved.status, 1);
-    EXPECT_EQ(saved.errors, "ipaclctl: the running configuration could not be read whole; nothing "
-                            "was saved\n");
+    EXPECT_EQ(saved.status, 2);
+    EXPECT_EQ(saved.errors, "ipaclctl: the text is too long for a bus message, and the terminal "
+                            "files can't be had whole\n");
     EXPECT_EQ(read_file("saved/startup-config"), "old\n");
 }
 
