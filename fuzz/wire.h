@@ -48,7 +48,7 @@ inline void add_attribute(blob_buf &buf, Input &in) {
         blobmsg_add_string(&buf, key, std::string(in.until('\0')).c_str());
         break;
     default: {
-        const uint8_t type = in.byte();
+        const uint8_t type = in.below(16); // half of them are none
         const std::string_view value = in.bytes(in.byte());
         blobmsg_add_field(&buf, type, key, value.data(), static_cast<unsigned>(value.size()));
     }
