@@ -84,22 +84,16 @@ typename Kind::Rule *find(const ipacl &list, const typename Kind::Rule &target) 
     return rule;
 }
 
-// The link behind the last rule, and the number of rules before it.
-template <class Kind>
-typename Kind::Rule **tail(ipacl &list, uint32_t &count) {
-    auto **link = &Kind::head(list);
-    for (count = 0; *link; count++)
-        link = &(*link)->ipacl_next;
-    return link;
-}
-
 template <class Kind>
 int append_unique(ipacl &list, typename Kind::Rule &rule) {
-    if (!Kind::owns(list) || find<Kind>(list, rule))
+    if (!Kind::owns(list))
         return 0;
-    uint32_t count;
+    auto **link = &Kind::head(list);
+    for (; *link; link = &(*link)->ipacl_next)
+        if (Kind::equal_active(**link, rule))
+            return 0;
     rule.ipacl_next = nullptr;
-    *tail<Kind>(list, count) = &rule;
+    *link = &rule;
     return 1;
 }
 
@@ -117,35 +111,34 @@ int delete_equal(ipacl &list, const typename Kind::Rule &target) {
     return 0;
 }
 
-// Links `rule` at a location and returns the position that is reported.
-template <class Kind>
-uint32_t place(ipacl &list, typename Kind::Rule &rule, uint32_t location) {
-    auto **link = &Kind::head(list);
-    uint32_t before = 0;
-    const bool at_end = location == 0 || !*link;
-    while (*link && (location == 0 || before + 1 < location)) {
-        link = &(*link)->ipacl_next;
-        before++;
-    }
-    // kept: beyond the end the rule is appended and the position reported is one short.
-    const bool overflow = !at_end && !*link;
-    rule.ipacl_next = *link;
-    *link = &rule;
-    if (at_end) // kept: rules placed at a given position enter no index
-        Kind::index(list, rule);
-    return overflow ? before : before + 1;
-}
-
+// One walk looks for a duplicate and for the place.
 template <class Kind>
 uint32_t insert(ipacl &list, typename Kind::Rule &rule, uint32_t location, bool check_exist) {
-    if (check_exist && !(rule.flags & IPACL_FLAG_REMARK) && find<Kind>(list, rule)) {
-        vty_output("The rule has existed in the access list.\n");
-        return 0;
+    const bool search = check_exist && !(rule.flags & IPACL_FLAG_REMARK);
+    auto **place = &Kind::head(list);
+    const bool at_end = location == 0 || !*place;
+    uint32_t before = 0; // rules in front of the place
+    uint32_t at = 1;
+    for (auto *other = *place; other && (search || at < location || location == 0);
+         other = other->ipacl_next, at++) {
+        if (search && Kind::equal_active(*other, rule)) {
+            vty_output("The rule has existed in the access list.\n");
+            return 0;
+        }
+        if (location == 0 || at < location) {
+            place = &other->ipacl_next;
+            before = at;
+        }
     }
-    const uint32_t position = place<Kind>(list, rule, location);
+    // kept: beyond the end the rule is appended and the position reported is one short.
+    const bool overflow = !at_end && !*place;
+    rule.ipacl_next = *place;
+    *place = &rule;
+    if (at_end) // kept: rules placed at a given position enter no index
+        Kind::index(list, rule);
     list.is_change = 1;
     list.rule_count++;
-    return position;
+    return overflow ? before : before + 1;
 }
 
 template <class Rule>
@@ -235,8 +228,9 @@ using namespace acl;
 int acle_cmp(const ipacl_extended_rule *src, const ipacl_extended_rule *dst) {
     const auto &a = *src;
     const auto &b = *dst;
-    return acl::same_conditions(a, b) && same_place(a, b, acl_words::kSource) &&
-           same_place(a, b, acl_words::kDestination) && a.cosflag == b.cosflag && a.cos == b.cos &&
+    // Addresses first: in them most rules of a list differ.
+    return same_place(a, b, acl_words::kSource) && same_place(a, b, acl_words::kDestination) &&
+           acl::same_conditions(a, b) && a.cosflag == b.cosflag && a.cos == b.cos &&
            a.tcpflags == b.tcpflags && a.status == b.status;
 }
 
