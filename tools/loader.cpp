@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <unistd.h>
 #include <vector>
@@ -41,6 +42,12 @@ Request request_for(const std::string &name, Kind kind, ipacl_action_code action
     request.action = static_cast<uint8_t>(action);
     request.moudle = static_cast<uint8_t>(IPACL_MOUDLE_CMD);
     request.type = kind;
+    return request;
+}
+
+Request rule_request(const std::string &name, Kind kind, const std::string &rule) {
+    Request request = request_for(name, kind, IPACL_ACTION_EDIT);
+    request.rule = rule;
     return request;
 }
 
@@ -96,15 +103,46 @@ class Progress {
     std::chrono::steady_clock::time_point last_{};
 };
 
+// Plays lines one after the other. Rules are sent without waiting for the answers; whatever else a
+// line asks for waits until the rules before it have theirs.
 class Player {
   public:
-    explicit Player(Service &service) : service_(service) {}
+    // Told of each line that is wrong, in the order of the lines.
+    using Report = std::function<void(size_t number, const std::string &wrong)>;
 
-    // Plays one line. "" or what is wrong with it.
-    std::string play(const std::string &line) {
+    Player(Service &service, Report report) : service_(service), report_(std::move(report)) {}
+
+    void play(size_t number, const std::string &line) {
         const Words words = split(line);
         if (words.empty() || words[0][0] == '#')
-            return "";
+            return;
+        if (const std::string wrong = obey(number, words, line); !wrong.empty())
+            tell(number, wrong);
+    }
+
+    // Leaves the list that is open at the end.
+    void end(size_t number) {
+        if (const std::string wrong = close(); !wrong.empty())
+            tell(number, wrong);
+        service_.finish();
+    }
+
+    LoadResult result;
+
+  private:
+    // What is known at once stands behind what the lines before are still to be told.
+    void tell(size_t number, const std::string &wrong) {
+        service_.finish();
+        fail(number, wrong);
+    }
+
+    void fail(size_t number, const std::string &wrong) {
+        result.errors++;
+        report_(number, wrong);
+    }
+
+    // "" or what is wrong with the line, as far as that is known without the service's answer.
+    std::string obey(size_t number, const Words &words, const std::string &line) {
         if (words[0] == "!")
             return close();
         const bool no = words[0] == "no" && words.size() > 2 && words[2] == "access-list";
@@ -116,9 +154,16 @@ class Player {
             return "a rule needs a list: put \"ip access-list standard|extended NAME\" first";
         if (words[0] == "merge-enable")
             return "merge-enable can't be switched on through the bus";
-        std::string wrong = send_rule(service_, name_, kind_, line);
-        result.rules += wrong.empty();
-        return wrong;
+        if (const std::string wrong = refused_silently(kind_, line); !wrong.empty())
+            return wrong;
+        service_.send("action", rule_request(name_, kind_, line),
+                      [this, number](const Reply &reply) {
+                          if (const std::string wrong = complaint(reply); !wrong.empty())
+                              fail(number, wrong);
+                          else
+                              result.rules++;
+                      });
+        return "";
     }
 
     // Leaves the list that is open.
@@ -130,9 +175,6 @@ class Player {
         return leave_list(service_, name_, kind_);
     }
 
-    LoadResult result;
-
-  private:
     std::string header(const Words &words, bool no) {
         const size_t at = no ? 3 : 2;
         std::string wrong = close();
@@ -162,6 +204,7 @@ class Player {
     }
 
     Service &service_;
+    Report report_;
     bool open_ = false;
     bool skipping_ = false;
     std::string name_;
@@ -196,9 +239,7 @@ std::string send_rule(Service &service, const std::string &name, Kind kind,
                       const std::string &rule) {
     if (const std::string wrong = refused_silently(kind, rule); !wrong.empty())
         return wrong;
-    Request request = request_for(name, kind, IPACL_ACTION_EDIT);
-    request.rule = rule;
-    return complaint(service.call("action", request));
+    return complaint(service.call("action", rule_request(name, kind, rule)));
 }
 
 std::string open_list(Service &service, const std::string &name, Kind kind) {
@@ -230,20 +271,16 @@ LoadResult load(Service &service, std::istream &in, const std::string &source) {
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    Player player(service);
     Progress progress(lines.size());
-    const auto report = [&](size_t number, const std::string &wrong) {
-        if (wrong.empty())
-            return;
+    Player player(service, [&](size_t number, const std::string &wrong) {
         progress.make_way();
         fprintf(stderr, "%s:%zu: %s\n", source.c_str(), number, first_line(wrong).c_str());
-        player.result.errors++;
-    };
+    });
     for (size_t i = 0; i < lines.size(); i++) {
-        report(i + 1, player.play(lines[i]));
+        player.play(i + 1, lines[i]);
         progress.at(i + 1);
     }
-    report(lines.size(), player.close());
+    player.end(lines.size());
     return player.result;
 }
 

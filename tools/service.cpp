@@ -13,11 +13,13 @@
 #include <sstream>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace ipaclctl {
 namespace {
 
-constexpr int kPatience = 50; // tries, a tenth of a second each, until the service must be back
+constexpr size_t kInFlight = 64; // requests that may wait for their replies
+constexpr int kPatience = 50;    // tries, a tenth of a second each, until the service must be back
 
 const char *path_or_null(const std::string &path) { return path.empty() ? nullptr : path.c_str(); }
 
@@ -114,6 +116,18 @@ class HandlerFiles {
 
 const char *kind_name(Kind kind) { return kind == Kind::kStandard ? "standard" : "extended"; }
 
+// A request on its way, and what is needed to send it once more.
+struct Service::Sent {
+    Sent(const char *m, const Request &r, std::function<void(const Reply &)> d)
+        : method(m), request(r), done(std::move(d)) {}
+
+    const char *method;
+    Request request;
+    std::function<void(const Reply &)> done;
+    ubus_request bus{};
+    Reply reply;
+};
+
 Service::Service(std::string path, int timeout) : path_(std::move(path)), timeout_(timeout) {
     if (path_.empty())
         if (const char *socket = getenv("UBUS_SOCKET"))
@@ -122,6 +136,8 @@ Service::Service(std::string path, int timeout) : path_(std::move(path)), timeou
 }
 
 Service::~Service() {
+    for (const auto &sent : sent_)
+        ubus_abort_request(ctx_, &sent->bus);
     if (ctx_)
         ubus_free(ctx_);
 }
@@ -160,20 +176,66 @@ int Service::try_call(const char *method, const Request &request, Reply &reply) 
     return ubus_invoke(ctx_, id_, method, message.head(), on_reply, &reply, timeout_ * 1000);
 }
 
+// True when the reply never came.
+bool Service::lost(const Reply &reply) const {
+    return reply.status == UBUS_STATUS_CONNECTION_FAILED || reply.status == UBUS_STATUS_NOT_FOUND ||
+           reply.status == UBUS_STATUS_TIMEOUT || ctx_->sock.eof;
+}
+
 Reply Service::call(const char *method, const Request &request) {
+    finish();
     Reply reply;
     reply.status = try_call(method, request, reply);
-    const auto gone = [&] {
-        return reply.status == UBUS_STATUS_CONNECTION_FAILED ||
-               reply.status == UBUS_STATUS_NOT_FOUND || reply.status == UBUS_STATUS_TIMEOUT ||
-               ctx_->sock.eof;
-    };
-    if (gone() && come_back())
+    if (lost(reply) && come_back())
         reply.status = try_call(method, request, reply);
-    if (gone())
+    if (lost(reply))
         throw Unreachable(std::string("the access-list service does not answer: ") +
                           ubus_strerror(reply.status));
     return reply;
+}
+
+void Service::send(const char *method, const Request &request,
+                   std::function<void(const Reply &)> done) {
+    if (sent_.size() >= kInFlight)
+        finish_oldest();
+    auto &sent = *sent_.emplace_back(std::make_unique<Sent>(method, request, std::move(done)));
+    Message message(request);
+    sent.reply.status = ubus_invoke_async(ctx_, id_, method, message.head(), &sent.bus);
+    if (sent.reply.status != UBUS_STATUS_OK)
+        return; // told when its turn comes
+    sent.bus.data_cb = on_reply;
+    sent.bus.priv = &sent.reply;
+    ubus_complete_request_async(ctx_, &sent.bus);
+}
+
+// A request whose reply is lost is asked once more, by a call that waits.
+void Service::finish_oldest() {
+    const std::unique_ptr<Sent> sent = std::move(sent_.front());
+    sent_.pop_front();
+    Reply &reply = sent->reply;
+    if (reply.status == UBUS_STATUS_OK)
+        reply.status = sent->bus.status_msg
+                           ? sent->bus.status_code
+                           : ubus_complete_request(ctx_, &sent->bus, timeout_ * 1000);
+    if (reply.status != UBUS_STATUS_OK && lost(reply)) {
+        // The connection is made anew: what else is on its way is lost as well.
+        for (const auto &other : sent_) {
+            ubus_abort_request(ctx_, &other->bus);
+            other->reply.status = UBUS_STATUS_CONNECTION_FAILED;
+        }
+        const auto others = std::exchange(sent_, {});
+        reply = call(sent->method, sent->request);
+        sent->done(reply);
+        for (const auto &other : others)
+            other->done(call(other->method, other->request));
+        return;
+    }
+    sent->done(reply);
+}
+
+void Service::finish() {
+    while (!sent_.empty())
+        finish_oldest();
 }
 
 std::string Service::text(const char *method, Request request) {

@@ -3,7 +3,9 @@
 
 #include <libubus.h>
 
+#include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -48,7 +50,15 @@ class Service {
     // and asks once more.
     Reply call(const char *method, const Request &request);
 
-    // The same for requests whose text may be longer than a message: it comes through files.
+    // Sends a request without waiting for its reply, which `done` is called with: for one request
+    // after the other, in the order in which they were sent, from a later send or from finish.
+    void send(const char *method, const Request &request, std::function<void(const Reply &)> done);
+
+    // Waits until every request that was sent has its reply.
+    void finish();
+
+    // The same as call for requests whose text may be longer than a message: it comes through
+    // files.
     std::string text(const char *method, Request request);
 
     // The kind of a list, or none when there is no such list.
@@ -60,7 +70,11 @@ class Service {
                const std::function<bool(const std::string &, const std::string &)> &fn);
 
   private:
+    struct Sent;
+
     void connect();
+    bool lost(const Reply &reply) const;
+    void finish_oldest();
     bool find_service();
     bool come_back();
     int try_call(const char *method, const Request &request, Reply &reply);
@@ -69,6 +83,7 @@ class Service {
     int timeout_;
     ubus_context *ctx_ = nullptr;
     uint32_t id_ = 0;
+    std::deque<std::unique_ptr<Sent>> sent_; // the oldest first
 };
 
 } // namespace ipaclctl
