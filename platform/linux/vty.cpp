@@ -69,6 +69,8 @@ int write_text(FILE *stream, const char *fmt, va_list args) {
     return capture.on ? keep(fmt, args) : vprintf(fmt, args);
 }
 
+static_assert(sizeof(ino_t) == 8, "lstat fails where inode numbers are long");
+
 // Why a directory is not to be used for terminal files, or null.
 const char *unusable(const char *directory) {
     struct stat info;
