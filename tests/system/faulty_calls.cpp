@@ -81,10 +81,22 @@ void __wrap_free(void *memory) {
     __real_free(memory);
 }
 
+// What the C library calls these where file offsets are wider than words.
+#ifdef __LP64__
+#define LSTAT lstat
+#define FOPEN fopen
+#else
+#define LSTAT lstat64
+#define FOPEN fopen64
+#endif
+#define JOIN(a, b) a##b
+#define REAL(name) JOIN(__real_, name)
+#define WRAP(name) JOIN(__wrap_, name)
+
 // A function that fails with -1, passing its arguments on otherwise.
 #define FAULTY(call, name, parameters, arguments)                                                  \
-    int __real_##name parameters;                                                                  \
-    int __wrap_##name parameters { return fails(call) ? -1 : __real_##name arguments; }
+    int REAL(name) parameters;                                                                     \
+    int WRAP(name) parameters { return fails(call) ? -1 : REAL(name) arguments; }
 
 FAULTY(faults::kSocket, socket, (int domain, int type, int protocol), (domain, type, protocol))
 FAULTY(faults::kBind, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
@@ -93,7 +105,7 @@ FAULTY(faults::kConnect, connect, (int fd, const sockaddr *address, socklen_t si
 FAULTY(faults::kFflush, fflush, (FILE * stream), (stream))
 FAULTY(faults::kChmod, chmod, (const char *path, mode_t mode), (path, mode))
 FAULTY(faults::kMkdir, mkdir, (const char *path, mode_t mode), (path, mode))
-FAULTY(faults::kLstat, lstat, (const char *path, struct stat *info), (path, info))
+FAULTY(faults::kLstat, LSTAT, (const char *path, struct stat *info), (path, info))
 FAULTY(faults::kEpollCreate, epoll_create1, (int flags), (flags))
 FAULTY(faults::kEpollCtl, epoll_ctl, (int set, int what, int fd, epoll_event *event),
        (set, what, fd, event))
@@ -132,9 +144,9 @@ char *__wrap_if_indextoname(unsigned index, char *name) {
     return fails(faults::kIfIndexToName) ? nullptr : __real_if_indextoname(index, name);
 }
 
-FILE *__real_fopen(const char *path, const char *mode);
-FILE *__wrap_fopen(const char *path, const char *mode) {
-    return fails(faults::kFopen) ? nullptr : __real_fopen(path, mode);
+FILE *REAL(FOPEN)(const char *path, const char *mode);
+FILE *WRAP(FOPEN)(const char *path, const char *mode) {
+    return fails(faults::kFopen) ? nullptr : REAL(FOPEN)(path, mode);
 }
 
 // The stream is gone even if its last bytes are lost.
