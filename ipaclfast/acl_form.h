@@ -1,0 +1,93 @@
+// The compiled form.
+//
+// Rules have numbers of their own, in pages of 512. For each field that some rule tests, a column
+// says which rules accept a packet's value: it finds the row of the value, and a row is the bits
+// of all rules, kept as references to pages, with a mask of the pages that are not empty. The
+// rules that match a packet are the intersection of one row from each column. Rules whose
+// addresses lie close together share pages, so few pages are left to intersect; within a page they
+// are in list order, so the first bit decides, and pages are in the order of their first rule.
+#pragma once
+
+#include "acl_fields.h"
+#include "aclfast.h"
+
+#include <memory_resource>
+#include <vector>
+
+namespace aclfast {
+
+// Memory of the platform's allocator, up to a bound. Beyond it, or when memory is short, it throws
+// std::bad_alloc.
+class Budget : public std::pmr::memory_resource {
+  public:
+    explicit Budget(size_t bound) : left_(bound) {}
+    size_t left() const { return left_; }
+
+  private:
+    void *do_allocate(size_t size, size_t alignment) override;
+    void do_deallocate(void *block, size_t size, size_t alignment) override;
+    bool do_is_equal(const memory_resource &other) const noexcept override {
+        return this == &other;
+    }
+
+    size_t left_;
+};
+
+template <class T>
+using Vector = std::pmr::vector<T>;
+
+struct alignas(64) Page {
+    static constexpr uint32_t kWords = 8;
+    static constexpr uint32_t kRules = 64 * kWords;
+    uint64_t words[kWords];
+};
+
+// Sixteen sorted numbers, searched at once. They are signed for the sake of vector units: biased
+// flips the top bit.
+struct alignas(64) Keys {
+    static constexpr uint32_t kCount = 16;
+    int32_t at[kCount];
+};
+constexpr int32_t biased(uint32_t value) { return static_cast<int32_t>(value ^ 0x80000000U); }
+
+// Finds the row of a value. A byte field has a row for each value. Any other field has a row for
+// each range of values, and the last value of each range in a tree of Keys: the root first, then
+// level by level the last values of the blocks below.
+struct Column {
+    explicit Column(Field f, std::pmr::memory_resource *memory)
+        : field(f), tree(memory), rows(memory) {}
+
+    static constexpr uint32_t kMostLevels = 8;
+    Field field;
+    uint32_t levels = 0;
+    uint32_t level_start[kMostLevels]{};
+    Vector<Keys> tree;
+    Vector<uint32_t> rows;
+};
+
+struct Decision {
+    uint32_t position = UINT32_MAX;
+    uint32_t result = 0;
+};
+
+} // namespace aclfast
+
+struct acl_fast {
+    explicit acl_fast(size_t bound)
+        : budget(bound), columns(&budget), rows(&budget), pages(&budget), first(&budget),
+          decisions(&budget) {}
+
+    aclfast::Budget budget;
+    size_t bytes = 0;
+    uint32_t default_result = 0; // when no rule matches
+    aclfast::Vector<aclfast::Column> columns;
+
+    // A row is `mask_words` words of mask and one reference for each page.
+    uint32_t page_count = 0;
+    uint32_t mask_words = 0;
+    uint32_t any_row = 0; // every rule
+    aclfast::Vector<uint32_t> rows;
+    aclfast::Vector<aclfast::Page> pages;
+    aclfast::Vector<uint32_t> first;              // the first position in each page
+    aclfast::Vector<aclfast::Decision> decisions; // by the rules' numbers
+};
