@@ -150,7 +150,8 @@ class Compiler {
         for (int field = 0; field < kFields; field++)
             add_column(static_cast<Field>(field), bits);
         if (form_.columns.empty())
-            form_.columns.emplace_back(kProtocol, &form_.budget).rows.assign(256, form_.any_row);
+            form_.columns.emplace_back(shape(kProtocol), &form_.budget)
+                .rows.assign(256, form_.any_row);
     }
 
   private:
@@ -248,11 +249,11 @@ void Compiler::add_column(Field field, Bits &bits) {
     if (tested.empty())
         return;
     bits.refresh_all();
-    Column &column = form_.columns.emplace_back(field, &form_.budget);
-    if (field < kByteFields)
-        range_rows(column, tested, bits);
-    else
+    Column &column = form_.columns.emplace_back(shape(field), &form_.budget);
+    if (column.shape.kind == Shape::kByte)
         byte_rows(column, tested, bits);
+    else
+        range_rows(column, tested, bits);
     column.rows.shrink_to_fit();
 }
 

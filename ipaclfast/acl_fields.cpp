@@ -3,6 +3,7 @@
 #include "acl_words.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace aclfast {
 
@@ -11,6 +12,7 @@ namespace {
 using acl_words::kDestination;
 using acl_words::kSource;
 
+constexpr uint32_t kAckOrRst = 0x10 | 0x04;
 constexpr Condition kNever{.lo = 1, .hi = 0};
 
 void restrict(Condition &c, int64_t lo, int64_t hi) {
@@ -48,6 +50,13 @@ Condition message_type(const ipacl_extended_rule &rule, uint16_t flag) {
 }
 
 constexpr bool is_prefix(uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
+
+// The byte of an address word that a field of kSourceBytes or kDestinationBytes looks at.
+uint32_t byte_of(uint32_t word, Field field) {
+    uint8_t bytes[sizeof word];
+    memcpy(bytes, &word, sizeof word);
+    return bytes[(field - kSourceBytes) % sizeof word];
+}
 
 constexpr bool compared(uint16_t flag) {
     return flag == IPACL_COMPARE_MASK || flag == IPACL_COMPARE_RANGE;
@@ -99,16 +108,13 @@ Condition tos(const ipacl_extended_rule &rule) {
     return c;
 }
 
-Condition state(const ipacl_extended_rule &rule) {
-    const auto if_set = [&](uint16_t flag, uint8_t bit) -> uint8_t {
-        return rule.flags & flag ? bit : uint8_t{0};
-    };
-    const auto fragment =
-        static_cast<uint8_t>(if_set(IPACL_FLAG_DONT_FRAGMENT, IPACL_DONT_FRAGMENT_SET) |
-                             if_set(IPACL_FLAG_FRAGMENT, IPACL_IS_FRAGMENT));
-    const uint8_t offset = if_set(IPACL_FLAG_OFFSET, IPACL_OFFSET_NOT_ZERO);
-    return {.value = kAckOrRst | state_bits(rule.fragment_flags, rule.offset_flags),
-            .mask = if_set(IPACL_FLAG_ESTABLISHED, kAckOrRst) | state_bits(fragment, offset)};
+Condition fragment_flags(const ipacl_extended_rule &rule) {
+    Condition c{.value = rule.fragment_flags};
+    if (rule.flags & IPACL_FLAG_DONT_FRAGMENT)
+        c.mask |= IPACL_DONT_FRAGMENT_SET;
+    if (rule.flags & IPACL_FLAG_FRAGMENT)
+        c.mask |= IPACL_IS_FRAGMENT;
+    return c;
 }
 
 // A comparison option: it knows neither "neq" nor a range.
@@ -142,8 +148,13 @@ Condition condition(const ipacl_extended_rule &rule, Field field) {
                                                  : operators(IPACL_OP_EQ, rule.protcol);
     case kTos:
         return tos(rule);
-    case kState:
-        return state(rule);
+    case kTcpFlags:
+        return {.some = rule.flags & IPACL_FLAG_ESTABLISHED ? kAckOrRst : 0};
+    case kFragmentFlags:
+        return fragment_flags(rule);
+    case kOffsetFlags:
+        return {.value = rule.offset_flags,
+                .mask = rule.flags & IPACL_FLAG_OFFSET ? uint32_t{IPACL_OFFSET_NOT_ZERO} : 0};
     case kTtl:
         return compared_option(rule, IPACL_FLAG_TTL, rule.ttl_flags, rule.ttl);
     case kIcmpType:

@@ -3,14 +3,13 @@
 
 #include "ipacl.h"
 
-#include <array>
 #include <bit>
 
 namespace aclfast {
 
 // Fields that a rule may test. An address is looked at in three ways: as a number in host order,
 // where prefixes are ranges; as the stored word, where the ranges of rules are; and byte by byte
-// for masks that are neither. The fields from kByteFields on have 256 values.
+// for masks that are neither.
 enum Field : uint8_t {
     kSourceNetwork,
     kDestinationNetwork,
@@ -19,10 +18,11 @@ enum Field : uint8_t {
     kSourcePort,
     kDestinationPort,
     kTotalLength,
-    kByteFields,
-    kProtocol = kByteFields,
+    kProtocol,
     kTos,
-    kState, // established, fragment and offset bits
+    kTcpFlags,
+    kFragmentFlags,
+    kOffsetFlags,
     kTtl,
     kIcmpType,
     kIgmpType,
@@ -31,27 +31,72 @@ enum Field : uint8_t {
     kFields = kDestinationBytes + 4
 };
 
-// True for fields that a non-first fragment does not have: every condition on them holds.
-constexpr bool absent_in_fragments(Field field) {
-    return field == kSourcePort || field == kDestinationPort || field == kIcmpType ||
-           field == kIgmpType;
+// Where a packet has a field.
+struct Shape {
+    enum Kind : uint8_t { kByte, kHalf, kWord, kNumber /* a word that is turned to host order */ };
+    Kind kind;
+    uint8_t offset;
+    bool absent_in_fragments; // every condition on it holds for a non-first fragment
+};
+
+constexpr Shape shape(Field field) {
+    switch (field) {
+    case kSourceNetwork:
+        return {Shape::kNumber, offsetof(acl_info, src_ip), false};
+    case kDestinationNetwork:
+        return {Shape::kNumber, offsetof(acl_info, dst_ip), false};
+    case kSourceWord:
+        return {Shape::kWord, offsetof(acl_info, src_ip), false};
+    case kDestinationWord:
+        return {Shape::kWord, offsetof(acl_info, dst_ip), false};
+    case kSourcePort:
+        return {Shape::kHalf, offsetof(acl_info, src_port), true};
+    case kDestinationPort:
+        return {Shape::kHalf, offsetof(acl_info, dst_port), true};
+    case kTotalLength:
+        return {Shape::kWord, offsetof(acl_info, totallen), false};
+    case kProtocol:
+        return {Shape::kByte, offsetof(acl_info, proto), false};
+    case kTos:
+        return {Shape::kByte, offsetof(acl_info, tos), false};
+    case kTcpFlags:
+        return {Shape::kByte, offsetof(acl_info, tcp_flags), true};
+    case kFragmentFlags:
+        return {Shape::kByte, offsetof(acl_info, fragment_flags), false};
+    case kOffsetFlags:
+        return {Shape::kByte, offsetof(acl_info, offset_flags), false};
+    case kTtl:
+        return {Shape::kByte, offsetof(acl_info, ttl), false};
+    case kIcmpType:
+        return {Shape::kByte, offsetof(acl_info, icmp_type), true};
+    case kIgmpType:
+        return {Shape::kByte, offsetof(acl_info, igmp_type), true};
+    default:
+        break;
+    }
+    if (field < kDestinationBytes)
+        return {Shape::kByte, uint8_t(offsetof(acl_info, src_ip) + field - kSourceBytes), false};
+    return {Shape::kByte, uint8_t(offsetof(acl_info, dst_ip) + field - kDestinationBytes), false};
 }
 
-// Values from `lo` to `hi`, without `except`, that agree with `value` in the bits of `mask`.
+// Values from `lo` to `hi`, without `except`, that agree with `value` in the bits of `mask` and,
+// unless `some` is 0, have one of its bits. Only byte fields are tested by bits.
 struct Condition {
     int64_t lo = 0;
     int64_t hi = UINT32_MAX;
     int64_t except = -1;
     uint32_t value = 0;
     uint32_t mask = 0;
+    uint32_t some = 0;
 
-    bool any() const { return lo == 0 && hi == UINT32_MAX && except < 0 && mask == 0; }
+    bool any() const { return lo == 0 && hi == UINT32_MAX && except < 0 && mask == 0 && some == 0; }
     bool passes(uint32_t v) const {
-        return lo <= v && v <= hi && v != except && ((v ^ value) & mask) == 0;
+        return lo <= v && v <= hi && v != except && ((v ^ value) & mask) == 0 &&
+               (some == 0 || (v & some));
     }
 };
 
-// The condition of an active rule on a field. Those on fields below kByteFields have no mask.
+// The condition of an active rule on a field.
 Condition condition(const ipacl_extended_rule &rule, Field field);
 
 // An extended rule that matches what the standard rule matches.
@@ -60,54 +105,6 @@ inline const ipacl_extended_rule &as_extended(const ipacl_extended_rule &rule) {
 
 constexpr uint32_t in_host_order(uint32_t word) {
     return std::endian::native == std::endian::little ? __builtin_bswap32(word) : word;
-}
-
-// The byte of an address word that a field of kSourceBytes or kDestinationBytes looks at.
-constexpr uint32_t byte_of(uint32_t word, Field field) {
-    return word >> 8 * ((field - kSourceBytes) & 3) & 0xFF;
-}
-
-// The established bit of kState, and where the other bits of a packet or a rule stand in it.
-inline constexpr uint32_t kAckOrRst = 1;
-constexpr uint32_t state_bits(uint8_t fragment_flags, uint8_t offset_flags) {
-    return (fragment_flags & 3U) << 1 | (offset_flags & 1U) << 3;
-}
-
-// What a packet has in a field.
-template <Field field>
-inline uint32_t key(const acl_info &packet, bool frag) {
-    switch (field) {
-    case kSourceNetwork:
-        return in_host_order(packet.src_ip);
-    case kDestinationNetwork:
-        return in_host_order(packet.dst_ip);
-    case kSourceWord:
-        return packet.src_ip;
-    case kDestinationWord:
-        return packet.dst_ip;
-    case kSourcePort:
-        return packet.src_port;
-    case kDestinationPort:
-        return packet.dst_port;
-    case kTotalLength:
-        return packet.totallen;
-    case kProtocol:
-        return packet.proto;
-    case kTos:
-        return packet.tos;
-    case kState:
-        return state_bits(packet.fragment_flags, packet.offset_flags) |
-               (frag || (packet.tcp_flags & 0x14) ? kAckOrRst : 0);
-    case kTtl:
-        return packet.ttl;
-    case kIcmpType:
-        return packet.icmp_type;
-    case kIgmpType:
-        return packet.igmp_type;
-    default:
-        break;
-    }
-    return byte_of(field < kDestinationBytes ? packet.src_ip : packet.dst_ip, field);
 }
 
 } // namespace aclfast

@@ -54,11 +54,11 @@ constexpr int32_t biased(uint32_t value) { return static_cast<int32_t>(value ^ 0
 // each range of values, and the last value of each range in a tree of Keys: the root first, then
 // level by level the last values of the blocks below.
 struct Column {
-    explicit Column(Field f, std::pmr::memory_resource *memory)
-        : field(f), tree(memory), rows(memory) {}
+    Column(const Shape &where, std::pmr::memory_resource *memory)
+        : shape(where), tree(memory), rows(memory) {}
 
     static constexpr uint32_t kMostLevels = 8;
-    Field field;
+    Shape shape;
     uint32_t levels = 0;
     uint32_t level_start[kMostLevels]{};
     Vector<Keys> tree;
@@ -69,6 +69,24 @@ struct Decision {
     uint32_t position = UINT32_MAX;
     uint32_t result = 0;
 };
+
+// Packets that go through a form together: the searches of one overlap with those of the next.
+inline constexpr size_t kTogether = 32;
+struct Batch {
+    const acl_info *packets;
+    const uint8_t *frags; // null: none is a fragment
+    size_t count;         // at most kTogether
+    acl_fast_answer *answers;
+
+    bool fragment(size_t i) const { return frags && frags[i]; }
+};
+
+// Answers a batch from a form that has columns: the same walk for different vector units.
+using Walk = void(const acl_fast &form, const Batch &batch);
+Walk walk_plain;
+#ifdef IPACLFAST_X86_64
+Walk walk_avx2, walk_avx512;
+#endif
 
 } // namespace aclfast
 
