@@ -6,22 +6,24 @@
 
 #include <algorithm>
 
-namespace {
-
 using namespace aclfast;
 
-// The best walk of this processor.
-Walk *best_walk() {
+std::vector<Walk *> aclfast::walks() {
+    std::vector<Walk *> all;
 #ifdef IPACLFAST_X86_64
+    __builtin_cpu_init();
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl"))
-        return walk_avx512;
+        all.push_back(walk_avx512);
     if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt"))
-        return walk_avx2;
+        all.push_back(walk_avx2);
 #endif
-    return walk_plain;
+    all.push_back(walk_plain);
+    return all;
 }
 
-Walk *const walk = best_walk();
+namespace {
+
+Walk *const walk = walks().front();
 
 } // namespace
 

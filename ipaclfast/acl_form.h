@@ -81,12 +81,15 @@ struct Batch {
     bool fragment(size_t i) const { return frags && frags[i]; }
 };
 
-// Answers a batch from a form that has columns: the same walk for different vector units.
+// Answers a batch from a form that has columns.
 using Walk = void(const acl_fast &form, const Batch &batch);
 Walk walk_plain;
 #ifdef IPACLFAST_X86_64
 Walk walk_avx2, walk_avx512;
 #endif
+
+// The walks that this processor can take, the best first.
+std::vector<Walk *> walks();
 
 } // namespace aclfast
 
