@@ -152,6 +152,8 @@ class Compiler {
         if (form_.columns.empty())
             form_.columns.emplace_back(shape(kProtocol), &form_.budget)
                 .rows.assign(256, form_.any_row);
+        if (form_.page_count == 1)
+            drop_rows();
     }
 
   private:
@@ -169,6 +171,8 @@ class Compiler {
     void byte_rows(Column &column, const Vector<Tested> &tested, Bits &bits);
     void range_rows(Column &column, const Vector<Tested> &tested, Bits &bits);
     void build_tree(Column &column, const Vector<uint32_t> &ends);
+    void drop_rows();
+    void build_blocks(Column &column, const Vector<uint32_t> &ends);
 
     acl_fast &form_;
     const Vector<Active> &rules_;
@@ -220,7 +224,7 @@ void Compiler::number_rules() {
     });
 
     numbers_.resize(count);
-    form_.decisions.resize(static_cast<size_t>(pages) * Page::kRules);
+    form_.verdicts.resize(static_cast<size_t>(pages) * Page::kRules, kNoVerdict);
     for (uint32_t to = 0; to < pages; to++) {
         const uint32_t from = order[to] * Page::kRules;
         const uint32_t end = std::min(count, from + Page::kRules);
@@ -228,11 +232,11 @@ void Compiler::number_rules() {
             const uint32_t number = to * Page::kRules + i - from;
             const Active &active = rules_[places[i].rule];
             numbers_[places[i].rule] = number;
-            form_.decisions[number] = {active.position,
-                                       active.rule.flags & (uint32_t{IPACL_FLAG_PERMIT} |
-                                                            IPACL_FLAG_DENY | IPACL_FLAG_LOG)};
+            form_.verdicts[number] =
+                verdict(active.position,
+                        active.rule.flags & (IPACL_FLAG_PERMIT | IPACL_FLAG_DENY | IPACL_FLAG_LOG));
         }
-        form_.first.push_back(rules_[places[from].rule].position);
+        form_.first.push_back(form_.verdicts[static_cast<size_t>(to) * Page::kRules]);
     }
 }
 
@@ -303,7 +307,34 @@ void Compiler::range_rows(Column &column, const Vector<Tested> &tested, Bits &bi
         if (edge == edges.end())
             break;
     }
-    build_tree(column, ends);
+    if (column.shape.kind == Shape::kHalf)
+        build_blocks(column, ends);
+    else
+        build_tree(column, ends);
+}
+
+// With one page, a row is its reference.
+void Compiler::drop_rows() {
+    const auto reference = [this](uint32_t &row) { row = form_.rows[row + form_.mask_words]; };
+    for (Column &column : form_.columns)
+        std::for_each(column.rows.begin(), column.rows.end(), reference);
+    reference(form_.any_row);
+    form_.rows.clear();
+}
+
+// Turns the rows of ranges into blocks.
+void Compiler::build_blocks(Column &column, const Vector<uint32_t> &ends) {
+    constexpr uint32_t kBlock = 256;
+    Vector<uint32_t> rows(&form_.budget), block(kBlock, 0, &form_.budget);
+    Interner<uint32_t> blocks(rows, kBlock);
+    size_t range = 0;
+    for (uint32_t value = 0; value <= UINT16_MAX; value++) {
+        range += value > ends[range];
+        block[value % kBlock] = column.rows[range];
+        if (value % kBlock == kBlock - 1)
+            column.blocks.push_back(blocks.number(block.data()) * kBlock);
+    }
+    column.rows.swap(rows);
 }
 
 void Compiler::build_tree(Column &column, const Vector<uint32_t> &ends) {
@@ -369,6 +400,7 @@ acl_fast *acl_compile(const ipacl *acl, size_t max_bytes) {
         acl_fast_free(form);
         return nullptr;
     }
+    form->prefetch = form->rows.size() * sizeof(uint32_t) > 1 << 17;
     form->bytes = max_bytes - form->budget.left();
     return form;
 }

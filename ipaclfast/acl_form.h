@@ -50,25 +50,29 @@ struct alignas(64) Keys {
 };
 constexpr int32_t biased(uint32_t value) { return static_cast<int32_t>(value ^ 0x80000000U); }
 
-// Finds the row of a value. A byte field has a row for each value. Any other field has a row for
-// each range of values, and the last value of each range in a tree of Keys: the root first, then
-// level by level the last values of the blocks below.
+// Finds the row of a value. A byte indexes `rows`. A half word has a block of 256 rows for each
+// value of its upper byte, equal blocks once. A word has a row for each range of values, and the
+// last value of each range in a tree of Keys: the root first, then level by level the last values
+// of the blocks below.
 struct Column {
     Column(const Shape &where, std::pmr::memory_resource *memory)
-        : shape(where), tree(memory), rows(memory) {}
+        : shape(where), tree(memory), blocks(memory), rows(memory) {}
 
-    static constexpr uint32_t kMostLevels = 8;
+    static constexpr uint32_t kMostLevels = 7; // 16 to the power of 7 are all ranges that fit
     Shape shape;
     uint32_t levels = 0;
     uint32_t level_start[kMostLevels]{};
     Vector<Keys> tree;
+    Vector<uint32_t> blocks;
     Vector<uint32_t> rows;
 };
 
-struct Decision {
-    uint32_t position = UINT32_MAX;
-    uint32_t result = 0;
-};
+// What a rule says, so that the smallest word is the first rule's: its position and its result.
+constexpr uint32_t kResultBits = 3;
+constexpr uint32_t kNoVerdict = UINT32_MAX;
+constexpr uint32_t verdict(uint32_t position, uint32_t result) {
+    return position << kResultBits | result;
+}
 
 // Packets that go through a form together: the searches of one overlap with those of the next.
 inline constexpr size_t kTogether = 32;
@@ -96,19 +100,21 @@ std::vector<Walk *> walks();
 struct acl_fast {
     explicit acl_fast(size_t bound)
         : budget(bound), columns(&budget), rows(&budget), pages(&budget), first(&budget),
-          decisions(&budget) {}
+          verdicts(&budget) {}
 
     aclfast::Budget budget;
     size_t bytes = 0;
     uint32_t default_result = 0; // when no rule matches
     aclfast::Vector<aclfast::Column> columns;
 
-    // A row is `mask_words` words of mask and one reference for each page.
+    // A row is `mask_words` words of mask and one reference for each page; in a form of one page
+    // columns hold the references themselves.
     uint32_t page_count = 0;
     uint32_t mask_words = 0;
-    uint32_t any_row = 0; // every rule
+    uint32_t any_row = 0;  // every rule
+    bool prefetch = false; // too large for the nearest caches
     aclfast::Vector<uint32_t> rows;
     aclfast::Vector<aclfast::Page> pages;
-    aclfast::Vector<uint32_t> first;              // the first position in each page
-    aclfast::Vector<aclfast::Decision> decisions; // by the rules' numbers
+    aclfast::Vector<uint32_t> first;    // the smallest verdict of each page
+    aclfast::Vector<uint32_t> verdicts; // by the rules' numbers
 };

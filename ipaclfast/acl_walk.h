@@ -4,7 +4,9 @@
 
 #include "acl_form.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 #ifdef __AVX2__
 #include <immintrin.h>
@@ -101,8 +103,6 @@ inline uint32_t count_below(const Keys &keys, int32_t value) {
 
 #endif
 
-using Rows = const uint32_t *[kTogether];
-
 template <Shape::Kind kind>
 inline uint32_t value_of(const acl_info &packet, size_t offset) {
     const auto *at = reinterpret_cast<const uint8_t *>(&packet) + offset;
@@ -118,85 +118,185 @@ inline uint32_t value_of(const acl_info &packet, size_t offset) {
     return kind == Shape::kNumber ? in_host_order(word) : word;
 }
 
-template <Shape::Kind kind>
-inline void find_rows(const acl_fast &form, const Column &column, const Batch &batch, Rows &rows) {
-    const uint32_t *const base = form.rows.data(), *const row_of = column.rows.data();
-    const Keys *const tree = column.tree.data();
-    const size_t offset = column.shape.offset;
-    for (size_t i = 0; i < batch.count; i++) {
-        const uint32_t value = value_of<kind>(batch.packets[i], offset);
-        uint32_t at = kind == Shape::kByte ? value : 0;
-        if constexpr (kind != Shape::kByte)
-            for (uint32_t level = 0; level < column.levels; level++)
-                at = at * Keys::kCount +
-                     count_below(tree[column.level_start[level] + at], biased(value));
-        rows[i] = base + row_of[at];
+inline constexpr uint32_t kNoLevels = 0; // of columns of bytes and half words
+
+// Where a column's tables lie, in variables of its own: they need not be read again for each
+// packet.
+template <Shape::Kind kind, uint32_t levels>
+class Finder {
+  public:
+    explicit Finder(const Column &column)
+        : rows_(column.rows.data()), blocks_(column.blocks.data()) {
+        for (uint32_t level = 0; level < levels; level++)
+            tree_[level] = column.tree.data() + column.level_start[level];
     }
-    if (column.shape.absent_in_fragments && batch.frags)
-        for (size_t i = 0; i < batch.count; i++)
-            if (batch.frags[i])
-                rows[i] = base + form.any_row;
+    uint32_t row(uint32_t value) const {
+        if constexpr (kind == Shape::kByte)
+            return rows_[value];
+        if constexpr (kind == Shape::kHalf)
+            return rows_[blocks_[value >> 8] + (value & 0xFF)];
+        uint32_t at = 0;
+        for (uint32_t level = 0; level < levels; level++)
+            at = at * Keys::kCount + count_below(tree_[level][at], biased(value));
+        return rows_[at];
+    }
+
+  private:
+    const uint32_t *rows_, *blocks_;
+    const Keys *tree_[levels + 1];
+};
+
+// The walk of one batch of at most `most` packets.
+template <size_t most>
+class Walker {
+  public:
+    Walker(const acl_fast &form, const Batch &batch)
+        : form_(form), batch_(batch), columns_(form.columns.size()), rows_(form.rows.data()),
+          pages_(form.pages.data()) {}
+
+    void walk() {
+        if (columns_ == 0)
+            __builtin_unreachable(); // such a form is not walked
+        for (size_t c = 0; c < columns_; c++)
+            find_rows(form_.columns[c], c);
+        if (form_.page_count == 1) {
+            for (size_t i = 0; i < count(); i++)
+                answer(i, first_verdict(of_[i], 0, [](uint32_t row) { return row; }));
+            return;
+        }
+        if (form_.prefetch)
+            prefetch();
+        for (size_t i = 0; i < count(); i++)
+            answer(i, decide(of_[i]));
+    }
+
+  private:
+    size_t count() const { return most == 1 ? 1 : batch_.count; }
+    template <Shape::Kind kind, uint32_t levels = kNoLevels>
+    void find_rows(const Column &column, size_t c);
+    template <Shape::Kind kind, size_t... I>
+    void find_in_tree(const Column &column, size_t c, std::index_sequence<I...>);
+    void find_rows(const Column &column, size_t c);
+    uint32_t mask(const uint32_t *rows, uint32_t word) const;
+    template <class F>
+    uint32_t first_verdict(const uint32_t *rows, uint32_t page, F &&reference) const;
+    void prefetch() const;
+    uint32_t decide(const uint32_t *rows) const;
+    void answer(size_t i, uint32_t verdict) const;
+
+    const acl_fast &form_;
+    const Batch &batch_;
+    const size_t columns_;
+    const uint32_t *const rows_;
+    const Page *const pages_;
+    uint32_t of_[most][kFields]; // the rows of each packet, one of each column
+};
+
+template <size_t most>
+template <Shape::Kind kind, uint32_t levels>
+inline void Walker<most>::find_rows(const Column &column, size_t c) {
+    const Finder<kind, levels> finder(column);
+    const size_t offset = column.shape.offset;
+    for (size_t i = 0; i < count(); i++)
+        of_[i][c] = finder.row(value_of<kind>(batch_.packets[i], offset));
+    if (column.shape.absent_in_fragments && batch_.frags)
+        for (size_t i = 0; i < count(); i++)
+            if (batch_.frags[i])
+                of_[i][c] = form_.any_row;
 }
 
-inline void find_rows(const acl_fast &form, const Column &column, const Batch &batch, Rows &rows) {
+// For each depth of the tree a search of its own, without a loop.
+template <size_t most>
+template <Shape::Kind kind, size_t... I>
+inline void Walker<most>::find_in_tree(const Column &column, size_t c, std::index_sequence<I...>) {
+    (void)((column.levels == I + 1 && (find_rows<kind, I + 1>(column, c), true)) || ...);
+}
+
+template <size_t most>
+inline void Walker<most>::find_rows(const Column &column, size_t c) {
+    constexpr auto kDepths = std::make_index_sequence<Column::kMostLevels>();
     switch (column.shape.kind) {
     case Shape::kByte:
-        return find_rows<Shape::kByte>(form, column, batch, rows);
+        return find_rows<Shape::kByte>(column, c);
     case Shape::kHalf:
-        return find_rows<Shape::kHalf>(form, column, batch, rows);
+        return find_rows<Shape::kHalf>(column, c);
     case Shape::kWord:
-        return find_rows<Shape::kWord>(form, column, batch, rows);
+        return find_in_tree<Shape::kWord>(column, c, kDepths);
     case Shape::kNumber:
-        return find_rows<Shape::kNumber>(form, column, batch, rows);
+        return find_in_tree<Shape::kNumber>(column, c, kDepths);
     }
 }
 
-// The first rule of the intersection of a page of each row.
-inline uint32_t first_rule(const acl_fast &form, const Rows *rows, size_t columns, size_t packet,
-                           uint32_t page) {
-    const Page *const pages = form.pages.data();
-    const size_t at = form.mask_words + page;
-    Words both(pages[rows[0][packet][at]]);
-    for (size_t c = 1; c < columns; c++)
-        both &= pages[rows[c][packet][at]];
+// The pages that are in use in all of a packet's rows.
+template <size_t most>
+inline uint32_t Walker<most>::mask(const uint32_t *rows, uint32_t word) const {
+    uint32_t mask = rows_[rows[0] + word];
+    for (size_t c = 1; c < columns_; c++)
+        mask &= rows_[rows[c] + word];
+    return mask;
+}
+
+// The verdict of the first rule in the intersection of a page of each row.
+template <size_t most>
+template <class F>
+inline uint32_t Walker<most>::first_verdict(const uint32_t *rows, uint32_t page,
+                                            F &&reference) const {
+    Words both(pages_[reference(rows[0])]);
+    for (size_t c = 1; c < columns_; c++)
+        both &= pages_[reference(rows[c])];
     const uint32_t used = both.used();
-    if (used == 0)
-        return UINT32_MAX;
-    Page page_of_both;
-    both.store(page_of_both);
-    const auto word = static_cast<uint32_t>(__builtin_ctz(used));
-    return page * Page::kRules + word * 64 +
-           static_cast<uint32_t>(__builtin_ctzll(page_of_both.words[word]));
+    Page bits;
+    both.store(bits);
+    // Without a branch, for it could not be foreseen: an empty page reads some rule's verdict.
+    const auto word = static_cast<uint32_t>(__builtin_ctz(used | 1U << (Page::kWords - 1)));
+    const auto bit = static_cast<uint32_t>(__builtin_ctzll(bits.words[word] | 1ULL << 63));
+    const uint32_t verdict = form_.verdicts[page * Page::kRules + word * 64 + bit];
+    return used ? verdict : kNoVerdict;
 }
 
-inline acl_fast_answer decide(const acl_fast &form, const Rows *rows, size_t columns,
-                              size_t packet) {
-    Decision best;
-    for (uint32_t m = 0; m < form.mask_words; m++) {
-        uint32_t mask = UINT32_MAX;
-        for (size_t c = 0; c < columns; c++)
-            mask &= rows[c][packet][m];
-        for (; mask; mask &= mask - 1) {
-            const uint32_t page = m * 32 + static_cast<uint32_t>(__builtin_ctz(mask));
-            if (form.first[page] > best.position)
-                break;
-            const uint32_t rule = first_rule(form, rows, columns, packet, page);
-            if (rule != UINT32_MAX && form.decisions[rule].position < best.position)
-                best = form.decisions[rule];
-        }
+// Asks for the first page of each packet, so that the memory is there when its turn comes.
+template <size_t most>
+inline void Walker<most>::prefetch() const {
+    for (size_t i = 0; i < count(); i++)
+        for (size_t c = 0; c < columns_; c++)
+            __builtin_prefetch(&rows_[of_[i][c]]);
+    for (size_t i = 0; i < count(); i++) {
+        const uint32_t pages = mask(of_[i], 0);
+        const auto page = pages ? static_cast<uint32_t>(__builtin_ctz(pages)) : 0;
+        for (size_t c = 0; c < columns_; c++)
+            __builtin_prefetch(&pages_[rows_[of_[i][c] + form_.mask_words + page]]);
     }
-    if (best.position == UINT32_MAX)
-        return {form.default_result, 0};
-    return {best.result, best.position};
+}
+
+template <size_t most>
+inline uint32_t Walker<most>::decide(const uint32_t *rows) const {
+    uint32_t best = kNoVerdict;
+    for (uint32_t m = 0; m < form_.mask_words; m++)
+        for (uint32_t pages = mask(rows, m); pages; pages &= pages - 1) {
+            const uint32_t page = m * 32 + static_cast<uint32_t>(__builtin_ctz(pages));
+            if (form_.first[page] > best)
+                break;
+            const auto reference = [&](uint32_t row) {
+                return rows_[row + form_.mask_words + page];
+            };
+            best = std::min(best, first_verdict(rows, page, reference));
+        }
+    return best;
+}
+
+template <size_t most>
+inline void Walker<most>::answer(size_t i, uint32_t verdict) const {
+    constexpr uint32_t kResult = (1U << kResultBits) - 1;
+    batch_.answers[i] = verdict == kNoVerdict
+                            ? acl_fast_answer{form_.default_result, 0}
+                            : acl_fast_answer{verdict & kResult, verdict >> kResultBits};
 }
 
 inline void walk(const acl_fast &form, const Batch &batch) {
-    Rows rows[kFields];
-    const size_t columns = form.columns.size();
-    for (size_t c = 0; c < columns; c++)
-        find_rows(form, form.columns[c], batch, rows[c]);
-    for (size_t i = 0; i < batch.count; i++)
-        batch.answers[i] = decide(form, rows, columns, i);
+    if (batch.count == 1)
+        Walker<1>(form, batch).walk();
+    else
+        Walker<kTogether>(form, batch).walk();
 }
 
 } // namespace
