@@ -146,6 +146,7 @@ class Finder {
     const Keys *tree_[levels + 1];
 };
 
+inline constexpr uint32_t kFewPages = 4;
 // The walk of one batch of at most `most` packets.
 template <size_t most>
 class Walker {
@@ -180,6 +181,10 @@ class Walker {
     uint32_t mask(const uint32_t *rows, uint32_t word) const;
     template <class F>
     uint32_t first_verdict(const uint32_t *rows, uint32_t page, F &&reference) const;
+    uint32_t first_verdict_at(const uint32_t *rows, uint32_t page) const {
+        const auto reference = [&](uint32_t row) { return rows_[row + form_.mask_words + page]; };
+        return first_verdict(rows, page, reference);
+    }
     void prefetch() const;
     uint32_t decide(const uint32_t *rows) const;
     void answer(size_t i, uint32_t verdict) const;
@@ -251,7 +256,7 @@ inline uint32_t Walker<most>::first_verdict(const uint32_t *rows, uint32_t page,
     const auto word = static_cast<uint32_t>(__builtin_ctz(used | 1U << (Page::kWords - 1)));
     const auto bit = static_cast<uint32_t>(__builtin_ctzll(bits.words[word] | 1ULL << 63));
     const uint32_t verdict = form_.verdicts[page * Page::kRules + word * 64 + bit];
-    return used ? verdict : kNoVerdict;
+    return verdict | (static_cast<uint32_t>(used != 0) - 1); // kNoVerdict is all ones
 }
 
 // Asks for the first page of each packet, so that the memory is there when its turn comes.
@@ -271,16 +276,29 @@ inline void Walker<most>::prefetch() const {
 template <size_t most>
 inline uint32_t Walker<most>::decide(const uint32_t *rows) const {
     uint32_t best = kNoVerdict;
-    for (uint32_t m = 0; m < form_.mask_words; m++)
-        for (uint32_t pages = mask(rows, m); pages; pages &= pages - 1) {
-            const uint32_t page = m * 32 + static_cast<uint32_t>(__builtin_ctz(pages));
-            if (form_.first[page] > best)
+    if (form_.page_count <= kFewPages) {
+        for (uint32_t page = 0; page < form_.page_count; page++)
+            best = std::min(best, first_verdict_at(rows, page));
+        return best;
+    }
+    for (uint32_t m = 0; m < form_.mask_words; m++) {
+        uint32_t pages = mask(rows, m);
+        if (!pages)
+            continue;
+        uint32_t page = m * 32 + static_cast<uint32_t>(__builtin_ctz(pages));
+        while (form_.first[page] <= best) {
+            best = std::min(best, first_verdict_at(rows, page));
+            for (int n = 0; n < 1; n++) {
+                pages &= pages - 1;
+                page = pages ? m * 32 + static_cast<uint32_t>(__builtin_ctz(pages)) : page;
+                best = std::min(best, first_verdict_at(rows, page));
+            }
+            pages &= pages - 1;
+            if (!pages)
                 break;
-            const auto reference = [&](uint32_t row) {
-                return rows_[row + form_.mask_words + page];
-            };
-            best = std::min(best, first_verdict(rows, page, reference));
+            page = m * 32 + static_cast<uint32_t>(__builtin_ctz(pages));
         }
+    }
     return best;
 }
 
