@@ -97,9 +97,10 @@ class Interner {
 class Bits {
   public:
     explicit Bits(acl_fast &form)
-        : mask_words_(form.mask_words), width_(form.mask_words + form.page_count),
-          pages_(form.pages, 1), rows_(form.rows, width_), bits_(form.page_count, {}, &form.budget),
-          row_(width_, 0, &form.budget) {}
+        : group_(form.group), pages_(form.pages, 1), rows_(form.references, form.page_count),
+          bits_(form.page_count, {}, &form.budget), row_(form.page_count, 0, &form.budget) {
+        pages_.number(bits_.data()); // the empty page is page 0
+    }
 
     void set(uint32_t rule, bool on) {
         uint64_t &word = bits_[rule / Page::kRules].words[rule % Page::kRules / 64];
@@ -115,20 +116,18 @@ class Bits {
         for (uint32_t page = 0; page < bits_.size(); page++)
             refresh_page(page);
     }
-    uint32_t row() { return rows_.number(row_.data()) * width_; }
+    Row row() {
+        uint32_t mask = 0;
+        for (uint32_t page = 0; page < row_.size(); page++)
+            mask |= static_cast<uint32_t>(row_[page] != 0) << page / group_;
+        return {rows_.number(row_.data()) * static_cast<uint32_t>(row_.size()), mask};
+    }
     void clear() { std::fill(bits_.begin(), bits_.end(), Page{}); }
 
   private:
-    void refresh_page(uint32_t page) {
-        const auto &words = bits_[page].words;
-        const bool used = std::any_of(words, words + Page::kWords, [](uint64_t w) { return w; });
-        const uint32_t bit = uint32_t{1} << page % 32;
-        uint32_t &mask = row_[page / 32];
-        mask = used ? mask | bit : mask & ~bit;
-        row_[mask_words_ + page] = pages_.number(&bits_[page]);
-    }
+    void refresh_page(uint32_t page) { row_[page] = pages_.number(&bits_[page]); }
 
-    uint32_t mask_words_, width_;
+    uint32_t group_;
     Interner<Page> pages_;
     Interner<uint32_t> rows_;
     Vector<Page> bits_;
@@ -211,7 +210,7 @@ void Compiler::number_rules() {
 
     const uint32_t pages = (count + Page::kRules - 1) / Page::kRules;
     form_.page_count = pages;
-    form_.mask_words = (pages + 31) / 32;
+    form_.group = (pages + 31) / 32;
     Vector<uint32_t> order(pages, &form_.budget);
     for (uint32_t page = 0; page < pages; page++) {
         order[page] = page;
@@ -298,8 +297,8 @@ void Compiler::range_rows(Column &column, const Vector<Tested> &tested, Bits &bi
             bits.set(edge->number, !bits.get(edge->number));
         for (auto changed = begin; changed != edge; ++changed)
             bits.refresh(changed->number);
-        const uint32_t row = bits.row();
-        if (column.rows.empty() || column.rows.back() != row) {
+        const Row row = bits.row();
+        if (column.rows.empty() || column.rows.back().at != row.at) {
             column.rows.push_back(row);
             ends.push_back(0);
         }
@@ -315,18 +314,18 @@ void Compiler::range_rows(Column &column, const Vector<Tested> &tested, Bits &bi
 
 // With one page, a row is its reference.
 void Compiler::drop_rows() {
-    const auto reference = [this](uint32_t &row) { row = form_.rows[row + form_.mask_words]; };
+    const auto reference = [this](Row &row) { row.at = form_.references[row.at]; };
     for (Column &column : form_.columns)
         std::for_each(column.rows.begin(), column.rows.end(), reference);
     reference(form_.any_row);
-    form_.rows.clear();
+    form_.references.clear();
 }
 
 // Turns the rows of ranges into blocks.
 void Compiler::build_blocks(Column &column, const Vector<uint32_t> &ends) {
     constexpr uint32_t kBlock = 256;
-    Vector<uint32_t> rows(&form_.budget), block(kBlock, 0, &form_.budget);
-    Interner<uint32_t> blocks(rows, kBlock);
+    Vector<Row> rows(&form_.budget), block(kBlock, {}, &form_.budget);
+    Interner<Row> blocks(rows, kBlock);
     size_t range = 0;
     for (uint32_t value = 0; value <= UINT16_MAX; value++) {
         range += value > ends[range];
@@ -378,7 +377,7 @@ void compile(const ipacl &list, acl_fast &form) {
     if (active.empty())
         return;
     Compiler(form, active).compile();
-    form.rows.shrink_to_fit();
+    form.references.shrink_to_fit();
     form.pages.shrink_to_fit();
 }
 
@@ -400,7 +399,7 @@ acl_fast *acl_compile(const ipacl *acl, size_t max_bytes) {
         acl_fast_free(form);
         return nullptr;
     }
-    form->prefetch = form->rows.size() * sizeof(uint32_t) > 1 << 17;
+    form->prefetch = form->references.size() * sizeof(uint32_t) > 1 << 17;
     form->bytes = max_bytes - form->budget.left();
     return form;
 }

@@ -2,10 +2,11 @@
 //
 // Rules have numbers of their own, in pages of 512. For each field that some rule tests, a column
 // says which rules accept a packet's value: it finds the row of the value, and a row is the bits
-// of all rules, kept as references to pages, with a mask of the pages that are not empty. The
-// rules that match a packet are the intersection of one row from each column. Rules whose
-// addresses lie close together share pages, so few pages are left to intersect; within a page they
-// are in list order, so the first bit decides, and pages are in the order of their first rule.
+// of all rules, kept as one reference for each page. Beside the row stands a mask of the groups of
+// pages that are not empty in it. The rules that match a packet are the intersection of one row
+// from each column; the masks tell where to look. Rules whose addresses lie close together share
+// pages, so few pages are left to intersect; within a page they are in list order, so the first
+// bit decides, and pages are in the order of their first rule.
 #pragma once
 
 #include "acl_fields.h"
@@ -50,6 +51,12 @@ struct alignas(64) Keys {
 };
 constexpr int32_t biased(uint32_t value) { return static_cast<int32_t>(value ^ 0x80000000U); }
 
+// Where a row's references begin, and its mask. In a form of one page: the page itself.
+struct Row {
+    uint32_t at;
+    uint32_t mask;
+};
+
 // Finds the row of a value. A byte indexes `rows`. A half word has a block of 256 rows for each
 // value of its upper byte, equal blocks once. A word has a row for each range of values, and the
 // last value of each range in a tree of Keys: the root first, then level by level the last values
@@ -64,7 +71,7 @@ struct Column {
     uint32_t level_start[kMostLevels]{};
     Vector<Keys> tree;
     Vector<uint32_t> blocks;
-    Vector<uint32_t> rows;
+    Vector<Row> rows;
 };
 
 // What a rule says, so that the smallest word is the first rule's: its position and its result.
@@ -99,7 +106,7 @@ std::vector<Walk *> walks();
 
 struct acl_fast {
     explicit acl_fast(size_t bound)
-        : budget(bound), columns(&budget), rows(&budget), pages(&budget), first(&budget),
+        : budget(bound), columns(&budget), references(&budget), pages(&budget), first(&budget),
           verdicts(&budget) {}
 
     aclfast::Budget budget;
@@ -107,13 +114,11 @@ struct acl_fast {
     uint32_t default_result = 0; // when no rule matches
     aclfast::Vector<aclfast::Column> columns;
 
-    // A row is `mask_words` words of mask and one reference for each page; in a form of one page
-    // columns hold the references themselves.
     uint32_t page_count = 0;
-    uint32_t mask_words = 0;
-    uint32_t any_row = 0;  // every rule
-    bool prefetch = false; // too large for the nearest caches
-    aclfast::Vector<uint32_t> rows;
+    uint32_t group = 1;                   // pages for each bit of a mask
+    bool prefetch = false;                // too large for the nearest caches
+    aclfast::Row any_row{};               // every rule
+    aclfast::Vector<uint32_t> references; // of rows
     aclfast::Vector<aclfast::Page> pages;
     aclfast::Vector<uint32_t> first;    // the smallest verdict of each page
     aclfast::Vector<uint32_t> verdicts; // by the rules' numbers

@@ -16,6 +16,7 @@ namespace aclfast {
 
 namespace {
 
+// The words of a page: which are used (not 0), as bits, and the first of some of them.
 #if defined(__AVX512F__)
 
 class Words {
@@ -25,7 +26,10 @@ class Words {
         words_ = _mm512_and_si512(words_, _mm512_load_si512(page.words));
     }
     uint32_t used() const { return _mm512_test_epi64_mask(words_, words_); }
-    void store(Page &page) const { _mm512_store_si512(page.words, words_); }
+    uint64_t first(uint32_t used) const {
+        const __m512i first = _mm512_maskz_compress_epi64(static_cast<__mmask8>(used), words_);
+        return static_cast<uint64_t>(_mm_cvtsi128_si64(_mm512_castsi512_si128(first)));
+    }
 
   private:
     __m512i words_;
@@ -47,9 +51,11 @@ class Words {
         high_ = _mm256_and_si256(high_, load(page, 4));
     }
     uint32_t used() const { return used(low_) | used(high_) << 4; }
-    void store(Page &page) const {
-        _mm256_store_si256(reinterpret_cast<__m256i *>(page.words), low_);
-        _mm256_store_si256(reinterpret_cast<__m256i *>(page.words + 4), high_);
+    uint64_t first(uint32_t used) const {
+        alignas(32) uint64_t words[Page::kWords];
+        _mm256_store_si256(reinterpret_cast<__m256i *>(words), low_);
+        _mm256_store_si256(reinterpret_cast<__m256i *>(words + 4), high_);
+        return words[__builtin_ctz(used)];
     }
 
   private:
@@ -88,7 +94,7 @@ class Words {
             used |= static_cast<uint32_t>(page_.words[w] != 0) << w;
         return used;
     }
-    void store(Page &page) const { page = page_; }
+    uint64_t first(uint32_t used) const { return page_.words[__builtin_ctz(used)]; }
 
   private:
     Page page_;
@@ -130,7 +136,7 @@ class Finder {
         for (uint32_t level = 0; level < levels; level++)
             tree_[level] = column.tree.data() + column.level_start[level];
     }
-    uint32_t row(uint32_t value) const {
+    const Row &row(uint32_t value) const {
         if constexpr (kind == Shape::kByte)
             return rows_[value];
         if constexpr (kind == Shape::kHalf)
@@ -142,18 +148,18 @@ class Finder {
     }
 
   private:
-    const uint32_t *rows_, *blocks_;
+    const Row *rows_;
+    const uint32_t *blocks_;
     const Keys *tree_[levels + 1];
 };
 
-inline constexpr uint32_t kFewPages = 4;
 // The walk of one batch of at most `most` packets.
 template <size_t most>
 class Walker {
   public:
     Walker(const acl_fast &form, const Batch &batch)
-        : form_(form), batch_(batch), columns_(form.columns.size()), rows_(form.rows.data()),
-          pages_(form.pages.data()) {}
+        : form_(form), batch_(batch), columns_(form.columns.size()),
+          references_(form.references.data()), pages_(form.pages.data()) {}
 
     void walk() {
         if (columns_ == 0)
@@ -178,23 +184,22 @@ class Walker {
     template <Shape::Kind kind, size_t... I>
     void find_in_tree(const Column &column, size_t c, std::index_sequence<I...>);
     void find_rows(const Column &column, size_t c);
-    uint32_t mask(const uint32_t *rows, uint32_t word) const;
+    uint32_t mask(const Row *rows) const;
     template <class F>
-    uint32_t first_verdict(const uint32_t *rows, uint32_t page, F &&reference) const;
-    uint32_t first_verdict_at(const uint32_t *rows, uint32_t page) const {
-        const auto reference = [&](uint32_t row) { return rows_[row + form_.mask_words + page]; };
-        return first_verdict(rows, page, reference);
+    uint32_t first_verdict(const Row *rows, uint32_t page, F &&reference) const;
+    uint32_t first_verdict_at(const Row *rows, uint32_t page) const {
+        return first_verdict(rows, page, [&](uint32_t row) { return references_[row + page]; });
     }
     void prefetch() const;
-    uint32_t decide(const uint32_t *rows) const;
+    uint32_t decide(const Row *rows) const;
     void answer(size_t i, uint32_t verdict) const;
 
     const acl_fast &form_;
     const Batch &batch_;
     const size_t columns_;
-    const uint32_t *const rows_;
+    const uint32_t *const references_;
     const Page *const pages_;
-    uint32_t of_[most][kFields]; // the rows of each packet, one of each column
+    Row of_[most][kFields]; // the rows of each packet, one of each column
 };
 
 template <size_t most>
@@ -202,12 +207,12 @@ template <Shape::Kind kind, uint32_t levels>
 inline void Walker<most>::find_rows(const Column &column, size_t c) {
     const Finder<kind, levels> finder(column);
     const size_t offset = column.shape.offset;
-    for (size_t i = 0; i < count(); i++)
-        of_[i][c] = finder.row(value_of<kind>(batch_.packets[i], offset));
-    if (column.shape.absent_in_fragments && batch_.frags)
-        for (size_t i = 0; i < count(); i++)
-            if (batch_.frags[i])
-                of_[i][c] = form_.any_row;
+    const uint8_t *frags = column.shape.absent_in_fragments ? batch_.frags : nullptr;
+    for (size_t i = 0; i < count(); i++) {
+        const Row &row = frags && frags[i] ? form_.any_row
+                                           : finder.row(value_of<kind>(batch_.packets[i], offset));
+        of_[i][c] = row;
+    }
 }
 
 // For each depth of the tree a search of its own, without a loop.
@@ -232,72 +237,57 @@ inline void Walker<most>::find_rows(const Column &column, size_t c) {
     }
 }
 
-// The pages that are in use in all of a packet's rows.
+// The groups of pages that are in use in all of a packet's rows.
 template <size_t most>
-inline uint32_t Walker<most>::mask(const uint32_t *rows, uint32_t word) const {
-    uint32_t mask = rows_[rows[0] + word];
+inline uint32_t Walker<most>::mask(const Row *rows) const {
+    uint32_t mask = rows[0].mask;
     for (size_t c = 1; c < columns_; c++)
-        mask &= rows_[rows[c] + word];
+        mask &= rows[c].mask;
     return mask;
 }
 
 // The verdict of the first rule in the intersection of a page of each row.
 template <size_t most>
 template <class F>
-inline uint32_t Walker<most>::first_verdict(const uint32_t *rows, uint32_t page,
-                                            F &&reference) const {
-    Words both(pages_[reference(rows[0])]);
+inline uint32_t Walker<most>::first_verdict(const Row *rows, uint32_t page, F &&reference) const {
+    Words both(pages_[reference(rows[0].at)]);
     for (size_t c = 1; c < columns_; c++)
-        both &= pages_[reference(rows[c])];
+        both &= pages_[reference(rows[c].at)];
     const uint32_t used = both.used();
-    Page bits;
-    both.store(bits);
     // Without a branch, for it could not be foreseen: an empty page reads some rule's verdict.
-    const auto word = static_cast<uint32_t>(__builtin_ctz(used | 1U << (Page::kWords - 1)));
-    const auto bit = static_cast<uint32_t>(__builtin_ctzll(bits.words[word] | 1ULL << 63));
+    const uint32_t some = used | 1U << (Page::kWords - 1);
+    const auto word = static_cast<uint32_t>(__builtin_ctz(some));
+    const auto bit = static_cast<uint32_t>(__builtin_ctzll(both.first(some) | 1ULL << 63));
     const uint32_t verdict = form_.verdicts[page * Page::kRules + word * 64 + bit];
     return verdict | (static_cast<uint32_t>(used != 0) - 1); // kNoVerdict is all ones
 }
 
-// Asks for the first page of each packet, so that the memory is there when its turn comes.
+// Asks for what the first look of each packet needs, so that it is there when its turn comes.
 template <size_t most>
 inline void Walker<most>::prefetch() const {
-    for (size_t i = 0; i < count(); i++)
-        for (size_t c = 0; c < columns_; c++)
-            __builtin_prefetch(&rows_[of_[i][c]]);
-    for (size_t i = 0; i < count(); i++) {
-        const uint32_t pages = mask(of_[i], 0);
-        const auto page = pages ? static_cast<uint32_t>(__builtin_ctz(pages)) : 0;
-        for (size_t c = 0; c < columns_; c++)
-            __builtin_prefetch(&pages_[rows_[of_[i][c] + form_.mask_words + page]]);
-    }
+    const auto each = [this](auto &&ask) {
+        for (size_t i = 0; i < count(); i++) {
+            const auto bit = static_cast<uint32_t>(__builtin_ctz(mask(of_[i]) | 1U << 31));
+            const uint32_t page = std::min(bit * form_.group, form_.page_count - 1);
+            for (size_t c = 0; c < columns_; c++)
+                ask(&references_[of_[i][c].at + page]);
+        }
+    };
+    each([](const uint32_t *reference) { __builtin_prefetch(reference); });
+    each([this](const uint32_t *reference) { __builtin_prefetch(&pages_[*reference]); });
 }
 
 template <size_t most>
-inline uint32_t Walker<most>::decide(const uint32_t *rows) const {
+inline uint32_t Walker<most>::decide(const Row *rows) const {
     uint32_t best = kNoVerdict;
-    if (form_.page_count <= kFewPages) {
-        for (uint32_t page = 0; page < form_.page_count; page++)
+    for (uint32_t groups = mask(rows); groups; groups &= groups - 1) {
+        uint32_t page = static_cast<uint32_t>(__builtin_ctz(groups)) * form_.group;
+        if (form_.first[page] > best)
+            break;
+        const uint32_t end = std::min(page + form_.group, form_.page_count);
+        do
             best = std::min(best, first_verdict_at(rows, page));
-        return best;
-    }
-    for (uint32_t m = 0; m < form_.mask_words; m++) {
-        uint32_t pages = mask(rows, m);
-        if (!pages)
-            continue;
-        uint32_t page = m * 32 + static_cast<uint32_t>(__builtin_ctz(pages));
-        while (form_.first[page] <= best) {
-            best = std::min(best, first_verdict_at(rows, page));
-            for (int n = 0; n < 1; n++) {
-                pages &= pages - 1;
-                page = pages ? m * 32 + static_cast<uint32_t>(__builtin_ctz(pages)) : page;
-                best = std::min(best, first_verdict_at(rows, page));
-            }
-            pages &= pages - 1;
-            if (!pages)
-                break;
-            page = m * 32 + static_cast<uint32_t>(__builtin_ctz(pages));
-        }
+        while (++page < end);
     }
     return best;
 }
