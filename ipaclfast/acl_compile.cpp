@@ -399,7 +399,6 @@ acl_fast *acl_compile(const ipacl *acl, size_t max_bytes) {
         acl_fast_free(form);
         return nullptr;
     }
-    form->prefetch = form->references.size() * sizeof(uint32_t) > 1 << 17;
     form->bytes = max_bytes - form->budget.left();
     return form;
 }

@@ -116,7 +116,6 @@ struct acl_fast {
 
     uint32_t page_count = 0;
     uint32_t group = 1;                   // pages for each bit of a mask
-    bool prefetch = false;                // too large for the nearest caches
     aclfast::Row any_row{};               // every rule
     aclfast::Vector<uint32_t> references; // of rows
     aclfast::Vector<aclfast::Page> pages;

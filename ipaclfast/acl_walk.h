@@ -171,8 +171,6 @@ class Walker {
                 answer(i, first_verdict(of_[i], 0, [](uint32_t row) { return row; }));
             return;
         }
-        if (form_.prefetch)
-            prefetch();
         for (size_t i = 0; i < count(); i++)
             answer(i, decide(of_[i]));
     }
@@ -190,7 +188,6 @@ class Walker {
     uint32_t first_verdict_at(const Row *rows, uint32_t page) const {
         return first_verdict(rows, page, [&](uint32_t row) { return references_[row + page]; });
     }
-    void prefetch() const;
     uint32_t decide(const Row *rows) const;
     void answer(size_t i, uint32_t verdict) const;
 
@@ -260,21 +257,6 @@ inline uint32_t Walker<most>::first_verdict(const Row *rows, uint32_t page, F &&
     const auto bit = static_cast<uint32_t>(__builtin_ctzll(both.first(some) | 1ULL << 63));
     const uint32_t verdict = form_.verdicts[page * Page::kRules + word * 64 + bit];
     return verdict | (static_cast<uint32_t>(used != 0) - 1); // kNoVerdict is all ones
-}
-
-// Asks for what the first look of each packet needs, so that it is there when its turn comes.
-template <size_t most>
-inline void Walker<most>::prefetch() const {
-    const auto each = [this](auto &&ask) {
-        for (size_t i = 0; i < count(); i++) {
-            const auto bit = static_cast<uint32_t>(__builtin_ctz(mask(of_[i]) | 1U << 31));
-            const uint32_t page = std::min(bit * form_.group, form_.page_count - 1);
-            for (size_t c = 0; c < columns_; c++)
-                ask(&references_[of_[i][c].at + page]);
-        }
-    };
-    each([](const uint32_t *reference) { __builtin_prefetch(reference); });
-    each([this](const uint32_t *reference) { __builtin_prefetch(&pages_[*reference]); });
 }
 
 template <size_t most>
