@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #ifdef __AVX2__
@@ -166,13 +167,11 @@ class Walker {
             __builtin_unreachable(); // such a form is not walked
         for (size_t c = 0; c < columns_; c++)
             find_rows(form_.columns[c], c);
-        if (form_.page_count == 1) {
-            for (size_t i = 0; i < count(); i++)
-                answer(i, first_verdict(of_[i], 0, [](uint32_t row) { return row; }));
-            return;
-        }
+        constexpr std::integral_constant<uint32_t, 1> kOne;
         for (size_t i = 0; i < count(); i++)
-            answer(i, decide(of_[i]));
+            answer(i, form_.page_count == 1 ? only_verdict(of_[i])
+                      : form_.group == 1    ? decide(of_[i], kOne)
+                                            : decide(of_[i], form_.group));
     }
 
   private:
@@ -185,10 +184,14 @@ class Walker {
     uint32_t mask(const Row *rows) const;
     template <class F>
     uint32_t first_verdict(const Row *rows, uint32_t page, F &&reference) const;
+    uint32_t only_verdict(const Row *rows) const {
+        return first_verdict(rows, 0, [](uint32_t page) { return page; });
+    }
     uint32_t first_verdict_at(const Row *rows, uint32_t page) const {
         return first_verdict(rows, page, [&](uint32_t row) { return references_[row + page]; });
     }
-    uint32_t decide(const Row *rows) const;
+    template <class Group>
+    uint32_t decide(const Row *rows, Group group) const;
     void answer(size_t i, uint32_t verdict) const;
 
     const acl_fast &form_;
@@ -259,17 +262,24 @@ inline uint32_t Walker<most>::first_verdict(const Row *rows, uint32_t page, F &&
     return verdict | (static_cast<uint32_t>(used != 0) - 1); // kNoVerdict is all ones
 }
 
+// `group` is the number of pages in a group, a constant where it is 1.
 template <size_t most>
-inline uint32_t Walker<most>::decide(const Row *rows) const {
+template <class Group>
+inline uint32_t Walker<most>::decide(const Row *rows, Group group) const {
     uint32_t best = kNoVerdict;
-    for (uint32_t groups = mask(rows); groups; groups &= groups - 1) {
-        uint32_t page = static_cast<uint32_t>(__builtin_ctz(groups)) * form_.group;
-        if (form_.first[page] > best)
-            break;
-        const uint32_t end = std::min(page + form_.group, form_.page_count);
-        do
-            best = std::min(best, first_verdict_at(rows, page));
-        while (++page < end);
+    uint32_t groups = mask(rows);
+    const auto next_page = [&] { return static_cast<uint32_t>(__builtin_ctz(groups)) * group; };
+    const auto look = [&] {
+        const uint32_t page = next_page();
+        groups &= groups - 1;
+        best = std::min(best, first_verdict_at(rows, page));
+        for (uint32_t n = 1; n < group && page + n < form_.page_count; n++)
+            best = std::min(best, first_verdict_at(rows, page + n));
+    };
+    while (groups && form_.first[next_page()] <= best) {
+        look();
+        if (groups)
+            look(); // whether it is still worth while could not be foreseen half of the time
     }
     return best;
 }
