@@ -224,8 +224,13 @@ bool measure(rule_sets::Kind kind, uint32_t size) {
 
 int main(int, char **argv) {
     std::string name = argv[0];
-    std::string words[] = {name,  "--no-huge", "--no-pci", "--no-telemetry", "--no-shconf", "-m",
-                           "256", "-l",        "0",        "--log-level",    "error"};
+    std::string words[] = {name,          "--no-huge",
+                           "--no-pci",    "--no-telemetry",
+                           "--no-shconf", "-m",
+                           "256",         "-l",
+                           "0",           "--force-max-simd-bitwidth",
+                           "512",         "--log-level",
+                           "error"};
     std::vector<char *> arguments;
     for (auto &word : words)
         arguments.push_back(word.data());
