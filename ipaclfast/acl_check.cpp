@@ -21,12 +21,6 @@ std::vector<Walk *> aclfast::walks() {
     return all;
 }
 
-namespace {
-
-Walk *const walk = walks().front();
-
-} // namespace
-
 void acl_fast_check_many(const acl_fast *form, const acl_info *packets, const uint8_t *frags,
                          size_t count, acl_fast_answer *answers) {
     if (!form || form->columns.empty()) {
@@ -35,8 +29,8 @@ void acl_fast_check_many(const acl_fast *form, const acl_info *packets, const ui
         return;
     }
     for (size_t done = 0; done < count; done += kTogether)
-        walk(*form, {packets + done, frags ? frags + done : nullptr,
-                     std::min(kTogether, count - done), answers + done});
+        form->walk(*form, {packets + done, frags ? frags + done : nullptr,
+                           std::min(kTogether, count - done), answers + done});
 }
 
 uint32_t acl_fast_check(const acl_fast *form, const acl_info *packet, int frag, uint32_t *rule) {

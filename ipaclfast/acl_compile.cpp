@@ -386,6 +386,7 @@ void compile(const ipacl &list, acl_fast &form) {
 } // namespace aclfast
 
 acl_fast *acl_compile(const ipacl *acl, size_t max_bytes) {
+    max_bytes = std::min<size_t>(max_bytes, UINT32_MAX); // rows are numbered in 32 bits
     if (!acl || max_bytes < sizeof(acl_fast))
         return nullptr;
     void *memory = sys_mem_malloc(sizeof(acl_fast));
@@ -395,6 +396,7 @@ acl_fast *acl_compile(const ipacl *acl, size_t max_bytes) {
     auto *form = new (memory) acl_fast(bound);
     try {
         aclfast::compile(*acl, *form);
+        form->walk = aclfast::walks().front();
     } catch (const std::bad_alloc &) {
         acl_fast_free(form);
         return nullptr;

@@ -88,8 +88,6 @@ struct Batch {
     const uint8_t *frags; // null: none is a fragment
     size_t count;         // at most kTogether
     acl_fast_answer *answers;
-
-    bool fragment(size_t i) const { return frags && frags[i]; }
 };
 
 // Answers a batch from a form that has columns.
@@ -110,6 +108,7 @@ struct acl_fast {
           verdicts(&budget) {}
 
     aclfast::Budget budget;
+    aclfast::Walk *walk = nullptr; // of this processor
     size_t bytes = 0;
     uint32_t default_result = 0; // when no rule matches
     aclfast::Vector<aclfast::Column> columns;

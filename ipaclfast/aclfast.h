@@ -20,8 +20,9 @@ struct acl_fast_answer {
 };
 
 /* Compiles a list in any state. At no time does it hold more than `max_bytes`, the form included;
- * 64 MiB are plenty for 16,384 rules. Returns the form, which the caller frees, or null: no list,
- * the bound too low, or memory short. No lock: the list must not change meanwhile. */
+ * 64 MiB are plenty for 16,384 rules, and more than 4 GiB are never used. Returns the form, which
+ * the caller frees, or null: no list, the bound too low, or memory short. No lock: the list must
+ * not change meanwhile. */
 struct acl_fast *acl_compile(const struct ipacl *acl, size_t max_bytes);
 
 /* Frees a form; takes null. Nobody may be reading it. */

@@ -27,3 +27,33 @@ here=$(dirname "$0")
 LD_LIBRARY_PATH=$library ASAN_OPTIONS=detect_leaks=0 \
     ${EMULATOR:-} "$scratch/component" "$here/../../examples/branch-office.conf" >"$scratch/said"
 diff "$here/../golden/linked-component.txt" "$scratch/said"
+
+# The compiled form is a library of its own.
+cat >"$scratch/fast.c" <<'APP'
+#include <aclapi.h>
+#include <aclfast.h>
+#include <ipaclstd.h>
+#include <stdio.h>
+
+int main(void) {
+    struct acl_info packet = {0};
+    struct acl_fast *form;
+    uint32_t rule = 0, result;
+    ipacl_init();
+    if (!get_ipacl_byname("web", 1) || do_standard_end("web", "permit 10.0.0.1") != 0 ||
+        do_standard_end("web", "deny any") != 0)
+        return 1;
+    form = acl_compile(ipacl_config_find("web"), 1 << 20);
+    if (!form)
+        return 2;
+    result = acl_fast_check(form, &packet, 0, &rule);
+    printf("rule %u says %u\n", (unsigned)rule, (unsigned)result);
+    acl_fast_free(form);
+    return 0;
+}
+APP
+# shellcheck disable=SC2046
+"$compiler" -std=c11 -Wall -Wextra -Wpedantic -Werror ${sanitizers:+-fsanitize=$sanitizers} \
+    "$scratch/fast.c" -o "$scratch/fast" $(pkg-config --cflags --libs ipaclfast)
+said=$(ASAN_OPTIONS=detect_leaks=0 LD_LIBRARY_PATH=$library ${EMULATOR:-} "$scratch/fast")
+[ "$said" = "rule 2 says 2" ] || { echo "the compiled form said: $said"; exit 1; }
