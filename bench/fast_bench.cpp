@@ -110,7 +110,7 @@ void run(benchmark::State &state, rule_sets::Kind kind, uint32_t size, const Met
         method.ask(s, at);
         at = (at + method.packets) % kPackets;
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * method.packets));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(method.packets));
 }
 
 void print_table(const Medians &medians) {

@@ -93,7 +93,7 @@ uint64_t compare(const ipacl &list, const Question &question) {
 
 // Mostly short lists, some of up to 2,000 rules.
 uint32_t some_count(Dice &dice) {
-    return dice.one_in(8) ? dice.below(2001) : dice.below(dice.of({2, 12, 100, 600}));
+    return dice.one_in(8) ? dice.below(2001) : dice.below(dice.of<uint32_t>({2, 12, 100, 600}));
 }
 
 // Compares lists made by `one`, which returns pairs and decided packets, until there are enough.

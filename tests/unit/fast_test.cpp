@@ -308,7 +308,7 @@ TEST_F(Fast, ListsOfManyPagesAreWalkedToTheirLastRule) {
 TEST_F(Fast, BatchesMayHaveAnySize) {
     const Standard list({permit("10.0.0.1", "255.255.255.255"), permit_any()});
     const Form form = compiled(list);
-    for (const size_t count : {0, 1, 31, 32, 33, 64, 100}) {
+    for (const size_t count : std::initializer_list<size_t>{0, 1, 31, 32, 33, 64, 100}) {
         std::vector<acl_info> packets(count, from("10.0.0.2"));
         std::vector<acl_fast_answer> answers(count + 1, {99, 99});
         if (count > 0)
