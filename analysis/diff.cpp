@@ -1,0 +1,255 @@
+// What changes between two lists.
+//
+// Rules that both lists have in the same order, with the same result, decide alike what no other
+// rule takes. So only packets of the other rules are looked at: that is little after a small
+// change, whatever the size of the lists.
+
+#include "region.h"
+#include "sample.h"
+
+#include "aclapi.h"
+
+#include <algorithm>
+#include <map>
+#include <unordered_map>
+
+namespace analysis {
+namespace {
+
+constexpr int kTries = 64;
+
+using Rules = std::vector<Rule>;
+
+// A text that two rules share when they take the same packets.
+std::string key(const Rule &rule) {
+    std::string text;
+    const auto number = [&](uint32_t n) {
+        text.append(reinterpret_cast<const char *>(&n), sizeof n);
+    };
+    for (const auto *tests : {&rule.always, &rule.whole}) {
+        number(static_cast<uint32_t>(tests->size()));
+        for (const Test &test : *tests) {
+            number(test.field);
+            number(test.kind);
+            number(test.address);
+            number(test.mask);
+            number(static_cast<uint32_t>(test.spans.size()));
+            for (const Span &span : test.spans) {
+                number(span.first);
+                number(span.last);
+            }
+        }
+    }
+    return text;
+}
+
+// The rules that can decide a packet, as far as that is seen at a glance, and their keys.
+struct Live {
+    explicit Live(const ipacl &list) {
+        for (Rule &rule : rules_of(list)) {
+            any = true;
+            if (!rule.active || rule.never() || !place.emplace(key(rule), rules.size()).second)
+                continue;
+            rules.push_back(std::move(rule));
+        }
+    }
+    // The result when no rule matches.
+    uint32_t otherwise() const {
+        return any ? uint32_t{IPACL_CHECK_NO_MATCH} : uint32_t{IPACL_CHECK_NO_RULES};
+    }
+
+    Rules rules;
+    std::unordered_map<std::string, size_t> place;
+    bool any = false;
+};
+
+// Marks the longest row of pairs (their first members ascend) whose second members ascend too.
+std::vector<bool> longest_ascent(const std::vector<std::pair<size_t, size_t>> &pairs) {
+    std::vector<size_t> tails; // of the best row of each length, the pair that ends it
+    std::vector<size_t> before(pairs.size());
+    for (size_t i = 0; i < pairs.size(); i++) {
+        const auto at = std::lower_bound(
+            tails.begin(), tails.end(), pairs[i].second,
+            [&](size_t tail, size_t second) { return pairs[tail].second < second; });
+        before[i] = at == tails.begin() ? pairs.size() : *(at - 1);
+        if (at == tails.end())
+            tails.push_back(i);
+        else
+            *at = i;
+    }
+    std::vector<bool> chosen(pairs.size());
+    for (size_t i = tails.empty() ? pairs.size() : tails.back(); i < pairs.size(); i = before[i])
+        chosen[i] = true;
+    return chosen;
+}
+
+// The rules of either list that the other does not have in the same order.
+Rules not_common(const Live &a, const Live &b) {
+    std::vector<std::pair<size_t, size_t>> pairs;
+    for (size_t i = 0; i < a.rules.size(); i++) {
+        const auto found = b.place.find(key(a.rules[i]));
+        if (found != b.place.end() && b.rules[found->second].result == a.rules[i].result)
+            pairs.emplace_back(i, found->second);
+    }
+    std::vector<bool> of_a(a.rules.size()), of_b(b.rules.size());
+    const auto chosen = longest_ascent(pairs);
+    for (size_t i = 0; i < pairs.size(); i++)
+        if (chosen[i])
+            of_a[pairs[i].first] = of_b[pairs[i].second] = true;
+    Rules rest;
+    for (size_t i = 0; i < of_a.size(); i++)
+        if (!of_a[i])
+            rest.push_back(a.rules[i]);
+    for (size_t i = 0; i < of_b.size(); i++)
+        if (!of_b[i])
+            rest.push_back(b.rules[i]);
+    return rest;
+}
+
+class Comparison {
+  public:
+    Comparison(const ipacl &a, const ipacl &b)
+        : list_a_(a), list_b_(b), a_(a), b_(b), suspects_(not_common(a_, b_)),
+          space_(Space::layout_for(both())) {
+        if (a_.any != b_.any) // no match is told apart from no rules
+            suspects_.emplace_back();
+    }
+
+    // A packet that is decided differently, found by trying.
+    std::optional<Packet> try_packets() const {
+        Random random(1);
+        for (const Rule &rule : suspects_)
+            for (int n = 0; n < kTries; n++)
+                if (const Packet packet = sample(rule, random); differs(packet))
+                    return tidied(packet);
+        return std::nullopt;
+    }
+
+    // All packets that are decided differently.
+    Set changed() const {
+        const Set scope = this->scope();
+        if (scope.empty())
+            return scope;
+        const auto before = decisions(a_, scope);
+        auto after = decisions(b_, scope);
+        Set changed;
+        for (const auto &[result, set] : before)
+            changed = changed | (set - after[result]);
+        return changed;
+    }
+
+    Packet witness(const Set &set) const {
+        const Packet packet = space_.pick(set);
+        if (!differs(packet))
+            throw std::logic_error("the matcher decides a packet alike that should differ");
+        return packet;
+    }
+
+    Change change(const Set &changed, const Set &unchanged, Set &rest) const {
+        const Packet packet = witness(rest);
+        auto [region, set] = region_around(space_, changed, unchanged, packet);
+        rest = rest - set;
+        return {std::move(region), packet, decide(list_a_, packet), decide(list_b_, packet)};
+    }
+
+    double share(const Set &set) const { return space_.share(set); }
+
+  private:
+    Rules both() const {
+        Rules rules = a_.rules;
+        rules.insert(rules.end(), b_.rules.begin(), b_.rules.end());
+        return rules;
+    }
+
+    // The same packet with what is usual wherever that makes no difference.
+    Packet tidied(Packet packet) const {
+        for (int f = 0; f < kFieldCount; f++) {
+            const FieldInfo &field = info(static_cast<Field>(f));
+            for (size_t i = field.usual.size(); i-- > 0;) {
+                Packet usual = packet;
+                field.set(usual, field.usual[i]);
+                if (differs(usual))
+                    packet = usual;
+            }
+        }
+        return packet;
+    }
+
+    bool differs(const Packet &packet) const {
+        return decide(list_a_, packet).result != decide(list_b_, packet).result;
+    }
+
+    // Where to look. That spares work when it is little; it is no answer and may hold too much.
+    Set scope() const {
+        if (2 * suspects_.size() > a_.rules.size() + b_.rules.size())
+            return space_.all();
+        const auto any = [&](auto &self, size_t first, size_t last) -> Set {
+            if (last - first <= 1)
+                return first == last ? Set() : space_.of(suspects_[first]);
+            const size_t middle = first + (last - first) / 2;
+            return self(self, first, middle) | self(self, middle, last);
+        };
+        return any(any, 0, suspects_.size());
+    }
+
+    // What a row of rules makes of the packets in scope.
+    struct Decided {
+        std::map<uint32_t, Set> by_result;
+        Set any;
+    };
+
+    Decided decided(const Rules &rules, size_t first, size_t last, const Set &scope) const {
+        if (first == last)
+            return {};
+        if (last - first == 1) {
+            const Set taken = space_.of(rules[first]) & scope;
+            return {{{rules[first].result, taken}}, taken};
+        }
+        // Halves put together later keep diagrams small far longer than one rule after another.
+        const size_t middle = first + (last - first) / 2;
+        Decided all = decided(rules, first, middle, scope);
+        const Decided second = decided(rules, middle, last, scope);
+        for (const auto &[result, set] : second.by_result)
+            all.by_result[result] = all.by_result[result] | (set - all.any);
+        all.any = all.any | second.any;
+        return all;
+    }
+
+    // The packets of `scope` by what a list decides.
+    std::map<uint32_t, Set> decisions(const Live &list, const Set &scope) const {
+        Decided all = decided(list.rules, 0, list.rules.size(), scope);
+        all.by_result[list.otherwise()] = scope - all.any;
+        return all.by_result;
+    }
+
+    const ipacl &list_a_, &list_b_;
+    Live a_, b_;
+    Rules suspects_;
+    Space space_;
+};
+
+} // namespace
+
+std::optional<Packet> first_difference(const ipacl &a, const ipacl &b) {
+    const Comparison comparison(a, b);
+    if (auto packet = comparison.try_packets())
+        return packet;
+    const Set changed = comparison.changed();
+    if (changed.empty())
+        return std::nullopt;
+    return comparison.witness(changed);
+}
+
+Difference diff(const ipacl &before, const ipacl &after, size_t max_regions) {
+    const Comparison comparison(before, after);
+    const Set changed = comparison.changed();
+    const Set unchanged = !changed;
+    Difference difference{{}, true, comparison.share(changed)};
+    Set rest = changed;
+    while (!rest.empty() && difference.changes.size() < max_regions)
+        difference.changes.push_back(comparison.change(changed, unchanged, rest));
+    difference.complete = rest.empty();
+    return difference;
+}
+
+} // namespace analysis
