@@ -2,6 +2,7 @@
 //
 // Exit status: 0 done; 1 refused or failed; 2 wrong usage, or nobody to ask.
 
+#include "analysis_commands.h"
 #include "commands.h"
 
 #include <CLI/CLI.hpp>
@@ -74,11 +75,16 @@ class CommandLine {
         auto *watched = add("watch", "tell every list that changes or goes",
                             [this](Service &s) { return watch(s, a_.count); });
         watched->add_option("--count", a_.count, "end after so many");
+        add_analysis_commands(
+            app_, [this] { return Service(a_.socket, a_.timeout).text("showrunning", Request()); },
+            local_command_);
     }
 
     int run(int argc, char **argv) {
         try {
             app_.parse(argc, argv);
+            if (local_command_)
+                return local_command_();
             Service service(a_.socket, a_.timeout);
             return command_(service);
         } catch (const CLI::ParseError &error) {
@@ -109,6 +115,7 @@ class CommandLine {
     CLI::App app_{"Talks to a running IPv4 access-list service.", "ipaclctl"};
     Arguments a_;
     Command command_;
+    LocalCommand local_command_; // asks the service only if it has to
 };
 
 } // namespace

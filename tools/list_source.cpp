@@ -1,0 +1,195 @@
+#include "list_source.h"
+
+#include "loader.h"
+
+#include "analysis/analysis.h"
+#include "ipacl/aclapi.h"
+#include "ipacl/ipaclext.h"
+#include "ipacl/ipaclstd.h"
+#include "platform/vty.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <vector>
+
+namespace ipaclctl {
+namespace {
+
+// What the library writes to the terminal while one of these lives, instead of standard output.
+class Answers {
+  public:
+    Answers() {
+        log_print_fp_1 = open_memstream(&text_, &size_);
+        log_print_handler = 1;
+    }
+    ~Answers() {
+        log_print_handler = 0;
+        fclose(log_print_fp_1);
+        log_print_fp_1 = nullptr;
+        free(text_);
+    }
+    Answers(const Answers &) = delete;
+    Answers &operator=(const Answers &) = delete;
+
+    // In one line.
+    std::string take() {
+        fflush(log_print_fp_1);
+        std::string line(text_, size_);
+        for (char &c : line)
+            c = c == '\n' ? ' ' : c;
+        line.erase(line.find_last_not_of(' ') + 1);
+        return line;
+    }
+
+  private:
+    char *text_ = nullptr;
+    size_t size_ = 0;
+};
+
+std::vector<std::string> words_of(const std::string &line) {
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+std::string trimmed(const std::string &line) {
+    const size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos)
+        return "";
+    return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
+}
+
+class Reader {
+  public:
+    Reader(const Configuration &from, const std::string &name, const char *slot)
+        : from_(from), name_(name), slot_(slot) {}
+
+    const ipacl &read() {
+        std::istringstream in(from_.text);
+        for (std::string line; std::getline(in, line);) {
+            number_++;
+            take(trimmed(line));
+        }
+        if (!list_)
+            throw Trouble(from_.running ? "there is no list " + name_
+                                        : "there is no list " + name_ + " in " + from_.source);
+        return *list_;
+    }
+
+  private:
+    void take(const std::string &line) {
+        const auto words = words_of(line);
+        if (words.empty() || words[0][0] == '#')
+            return;
+        if (words[0] == "!") {
+            open_ = false;
+            return;
+        }
+        const bool no = words[0] == "no";
+        if (words.size() == size_t{no} + 4 && words[no] == "ip" && words[no + 1U] == "access-list")
+            header(words[no + 2U], words[no + 3U], no);
+        else if (open_ && words[0] != "merge-enable")
+            rule(line);
+    }
+
+    void header(const std::string &kind, const std::string &name, bool no) {
+        open_ = name == name_ && !no;
+        if (name != name_)
+            return;
+        const bool standard = kind == "standard";
+        if (no) {
+            if (list_)
+                ipacl_delete(slot_, list_->is_standard);
+            list_ = nullptr;
+            return;
+        }
+        if (ipacl *made = get_ipacl_byname(slot_, standard))
+            list_ = made;
+        else
+            refuse("there is a list of this name of the other kind");
+    }
+
+    void rule(const std::string &line) {
+        const std::string refused =
+            refused_silently(list_->is_standard ? Kind::kStandard : Kind::kExtended, line);
+        if (!refused.empty())
+            return refuse(refused);
+        Answers answers;
+        const int result = list_->is_standard ? do_standard_end(slot_, line.c_str())
+                                              : do_extended_end(slot_, line.c_str());
+        std::string wrong = answers.take();
+        if (wrong.empty() && result != 0)
+            wrong = "the interface that it names is not to be found here";
+        if (!wrong.empty())
+            return refuse(wrong);
+        if (from_.running)
+            check(line, words_of(line));
+    }
+
+    // The rule commands do not take every word that the service shows: the last rule must read as
+    // it was shown.
+    void check(const std::string &line, const std::vector<std::string> &words) {
+        uint16_t extra = 0;
+        for (const std::string &word : words) {
+            extra =
+                static_cast<uint16_t>(extra | (word == "established" ? IPACL_FLAG_ESTABLISHED : 0));
+            extra = static_cast<uint16_t>(extra | (word == "log" ? IPACL_FLAG_LOG : 0));
+        }
+        const auto add = [&](auto *rule) {
+            while (rule && rule->ipacl_next)
+                rule = rule->ipacl_next;
+            if (rule)
+                rule->flags = static_cast<uint16_t>(rule->flags | extra);
+        };
+        if (list_->is_standard)
+            add(list_->ipacl_s);
+        else
+            add(list_->ipacl_e);
+        const auto texts = analysis::rule_texts(*list_);
+        if (texts.empty() || texts.back() != line)
+            throw Trouble("the list " + name_ + " has a rule that can't be read back: " + line);
+    }
+
+    void refuse(const std::string &wrong) {
+        if (from_.running)
+            throw Trouble("the list " + name_ + " can't be read back: " + wrong);
+        std::cerr << from_.source << ':' << number_ << ": " << wrong << '\n';
+        if (!list_)
+            open_ = false;
+    }
+
+    const Configuration &from_;
+    const std::string &name_;
+    const char *slot_;
+    size_t number_ = 0;
+    ipacl *list_ = nullptr;
+    bool open_ = false;
+};
+
+} // namespace
+
+Configuration read_configuration(const std::string &file) {
+    std::ostringstream text;
+    if (file == "-") {
+        text << std::cin.rdbuf();
+        return {text.str(), "stdin", false};
+    }
+    std::ifstream in(file);
+    if (!in)
+        throw Trouble("can't read " + file + ": " + strerror(errno));
+    if (in.peek() != std::ifstream::traits_type::eof())
+        text << in.rdbuf();
+    return {text.str(), file, false};
+}
+
+const ipacl &read_list(const Configuration &configuration, const std::string &name,
+                       const char *slot) {
+    return Reader(configuration, name, slot).read();
+}
+
+} // namespace ipaclctl
