@@ -108,7 +108,9 @@ class Reader {
             list_ = nullptr;
             return;
         }
-        if (ipacl *made = get_ipacl_byname(slot_, standard))
+        ipacl *made = get_ipacl_byname(slot_, standard);
+        open_ = made != nullptr;
+        if (made)
             list_ = made;
         else
             refuse("there is a list of this name of the other kind");
@@ -159,8 +161,6 @@ class Reader {
         if (from_.running)
             throw Trouble("the list " + name_ + " can't be read back: " + wrong);
         std::cerr << from_.source << ':' << number_ << ": " << wrong << '\n';
-        if (!list_)
-            open_ = false;
     }
 
     const Configuration &from_;
