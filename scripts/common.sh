@@ -135,7 +135,7 @@ report() {
     [ "$failed" -eq 0 ]
 }
 
-build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev"
+build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev libbdd-dev"
 manual_packages="man-db groff-base mandoc"
 arm_packages="g++-arm-linux-gnueabihf libcjson-dev:armhf libstdc++6:armhf googletest qemu-user"
 test_packages="libgtest-dev clang libclang-rt-14-dev iproute2 $manual_packages"
