@@ -8,7 +8,8 @@
 //
 // Rules are numbered from 1 by their place in the list, inactive ones included. Lists are only
 // read. The decision diagrams behind this are one for the process: one thread at a time. A question
-// that would take more than kMaxNodes nodes of them is given up with TooComplex.
+// that would take more than kMaxNodes nodes of them is given up with TooComplex; diff then still
+// tells regions that it finds by trying packets, if any.
 #pragma once
 
 #include "ipacl.h"
@@ -22,7 +23,7 @@
 
 namespace analysis {
 
-inline constexpr int kMaxNodes = 16'000'000; // 20 bytes each, and half as much for caches
+inline constexpr int kMaxNodes = 8'000'000; // 20 bytes each, and half as much for caches
 
 struct TooComplex : std::runtime_error {
     using runtime_error::runtime_error;
@@ -98,7 +99,7 @@ struct Change {
 struct Difference {
     std::vector<Change> changes; // regions may overlap
     bool complete;               // the regions hold every packet that changes
-    double share;                // of all packets, from 0 to 1
+    std::optional<double> share; // of all packets, from 0 to 1; none when that is too complex
 };
 Difference diff(const ipacl &before, const ipacl &after, size_t max_regions);
 

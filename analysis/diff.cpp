@@ -126,8 +126,9 @@ class Comparison {
     }
 
     // All packets that are decided differently.
-    Set changed() const {
-        const Set scope = this->scope();
+    Set changed() const { return changed_in(scope()); }
+
+    Set changed_in(const Set &scope) const {
         if (scope.empty())
             return scope;
         const auto before = decisions(a_, scope);
@@ -145,11 +146,38 @@ class Comparison {
         return packet;
     }
 
-    Change change(const Set &changed, const Set &unchanged, Set &rest) const {
-        const Packet packet = witness(rest);
-        auto [region, set] = region_around(space_, changed, unchanged, packet);
-        rest = rest - set;
+    // A region around a packet that is decided differently.
+    Change change(const Packet &packet, const Within &changed, Set &covered) const {
+        auto [region, set] = region_around(space_, changed, packet);
+        covered = covered | set;
         return {std::move(region), packet, decide(list_a_, packet), decide(list_b_, packet)};
+    }
+
+    // The regions of `changed`, until they are all told or enough.
+    bool tell(const Set &changed, size_t enough, std::vector<Change> &changes) const {
+        const Within within = [&](const Set &scope) { return changed & scope; };
+        Set rest = changed;
+        while (!rest.empty() && changes.size() < enough) {
+            Set covered;
+            changes.push_back(change(witness(rest), within, covered));
+            rest = rest - covered;
+        }
+        return rest.empty();
+    }
+
+    // Regions around packets that are found by trying, each looked at by itself.
+    void tell_some(size_t enough, std::vector<Change> &changes) const {
+        const Within within = [&](const Set &scope) { return changed_in(scope); };
+        Set covered;
+        Random random(1);
+        for (int n = 0; n < kTries; n++)
+            for (const Rule &rule : suspects_) {
+                if (changes.size() == enough)
+                    return;
+                const Packet packet = sample(rule, random);
+                if (differs(packet) && (space_.only(packet) & covered).empty())
+                    changes.push_back(change(packet, within, covered));
+            }
     }
 
     double share(const Set &set) const { return space_.share(set); }
@@ -242,13 +270,17 @@ std::optional<Packet> first_difference(const ipacl &a, const ipacl &b) {
 
 Difference diff(const ipacl &before, const ipacl &after, size_t max_regions) {
     const Comparison comparison(before, after);
-    const Set changed = comparison.changed();
-    const Set unchanged = !changed;
-    Difference difference{{}, true, comparison.share(changed)};
-    Set rest = changed;
-    while (!rest.empty() && difference.changes.size() < max_regions)
-        difference.changes.push_back(comparison.change(changed, unchanged, rest));
-    difference.complete = rest.empty();
+    Difference difference{{}, false, std::nullopt};
+    try {
+        const Set changed = comparison.changed();
+        difference.share = comparison.share(changed);
+        difference.complete = comparison.tell(changed, max_regions, difference.changes);
+    } catch (const TooComplex &) {
+        difference.changes.clear();
+        comparison.tell_some(max_regions, difference.changes);
+        if (difference.changes.empty())
+            throw;
+    }
     return difference;
 }
 

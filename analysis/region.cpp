@@ -104,7 +104,7 @@ class Grower {
 
 } // namespace
 
-std::pair<Region, Set> region_around(const Space &space, const Set &set, const Set &outside,
+std::pair<Region, Set> region_around(const Space &space, const Within &within,
                                      const Packet &packet) {
     std::array<Set, kFieldCount> taken;
     for (const Field field : kGrowing)
@@ -118,7 +118,8 @@ std::pair<Region, Set> region_around(const Space &space, const Set &set, const S
     };
     std::array<std::optional<Values>, kFieldCount> words;
     for (const Field field : kGrowing) {
-        const Set values = !space.values_in_both(field, all_but(field), outside);
+        const Set scope = all_but(field);
+        const Set values = !space.values_in_both(field, scope, !within(scope));
         taken[field] = values;
         if (values.full())
             continue;
@@ -127,7 +128,7 @@ std::pair<Region, Set> region_around(const Space &space, const Set &set, const S
         taken[field] = grower.set_of(*words[field]);
     }
     Set product = all_but(std::nullopt);
-    if (!(product - set).empty())
+    if (!(within(product) == product))
         throw std::logic_error("a region reaches beyond its set");
     Region region;
     for (auto &values : words)

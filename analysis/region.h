@@ -3,11 +3,16 @@
 
 #include "space.h"
 
+#include <functional>
+
 namespace analysis {
 
-// A region around a packet of `set` that lies wholly in the set and is as wide as its few words
+// The packets of a scope that belong to the set in question.
+using Within = std::function<Set(const Set &scope)>;
+
+// A region around a packet of the set that lies wholly in the set and is as wide as its few words
 // allow, and the set of its packets.
-std::pair<Region, Set> region_around(const Space &space, const Set &set, const Set &outside,
+std::pair<Region, Set> region_around(const Space &space, const Within &within,
                                      const Packet &packet);
 
 } // namespace analysis

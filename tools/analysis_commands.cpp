@@ -173,7 +173,8 @@ int diff(const Named &a, const Named &b, size_t limit, bool json) {
         add(out.get(), "after", b.name);
         add_bool(out.get(), "equal", equal);
         add_bool(out.get(), "complete", difference.complete);
-        add_number(out.get(), "share", difference.share);
+        if (difference.share)
+            add_number(out.get(), "share", *difference.share);
         cJSON *array = add_array(out.get(), "changes");
         for (const auto &change : difference.changes) {
             cJSON *item = append_object(array);
@@ -193,9 +194,13 @@ int diff(const Named &a, const Named &b, size_t limit, bool json) {
         std::cout << analysis::region_text(change.region) << "\n    for one, "
                   << analysis::packet_text(change.witness) << ": " << verdict_text(change.before)
                   << ", then " << verdict_text(change.after) << '\n';
-    std::cout << (difference.complete ? "" : "... and more; --limit shows them\n") << a.name
-              << " to " << b.name << ": the verdict of " << percent(difference.share)
-              << " of all packets changes\n";
+    if (!difference.complete)
+        std::cout << "... and more" << (difference.share ? "; --limit shows them\n" : "\n");
+    std::cout << a.name << " to " << b.name << ": the verdict of ";
+    if (difference.share)
+        std::cout << percent(*difference.share) << " of all packets changes\n";
+    else
+        std::cout << "packets changes; the lists are too complex to find them all\n";
     return kFound;
 }
 

@@ -201,7 +201,7 @@ TEST_F(Analysis, ADifferenceIsAReadableRegionWithAWitness) {
     EXPECT_EQ(result_text(change.before.result), "deny");
     EXPECT_EQ(result_text(change.after.result), "permit");
     EXPECT_TRUE(difference.complete);
-    EXPECT_DOUBLE_EQ(difference.share, 0x1p-32 * 0x1p-8 * 0x1p-8 * 246 / 256);
+    EXPECT_DOUBLE_EQ(difference.share.value(), 0x1p-32 * 0x1p-8 * 0x1p-8 * 246 / 256);
 }
 
 TEST_F(Analysis, RegionsNameRangesOddMasksAndOptions) {
@@ -662,7 +662,7 @@ class SmallUniverse : public ServiceTest {
                 FAIL() << packet_text(packet) << (told ? " does not differ" : " is missing");
         });
         ASSERT_EQ(any, !difference.changes.empty());
-        ASSERT_EQ(any, difference.share > 0);
+        ASSERT_EQ(any, difference.share.value() > 0);
         for (const Change &change : difference.changes) {
             ASSERT_TRUE(holds(change.region, change.witness));
             ASSERT_EQ(change.before.result, naive_result(a, change.witness));
