@@ -130,28 +130,12 @@ class Reader {
         if (!wrong.empty())
             return refuse(wrong);
         if (from_.running)
-            check(line, words_of(line));
+            check(line);
     }
 
-    // The rule commands do not take every word that the service shows: the last rule must read as
-    // it was shown.
-    void check(const std::string &line, const std::vector<std::string> &words) {
-        uint16_t extra = 0;
-        for (const std::string &word : words) {
-            extra =
-                static_cast<uint16_t>(extra | (word == "established" ? IPACL_FLAG_ESTABLISHED : 0));
-            extra = static_cast<uint16_t>(extra | (word == "log" ? IPACL_FLAG_LOG : 0));
-        }
-        const auto add = [&](auto *rule) {
-            while (rule && rule->ipacl_next)
-                rule = rule->ipacl_next;
-            if (rule)
-                rule->flags = static_cast<uint16_t>(rule->flags | extra);
-        };
-        if (list_->is_standard)
-            add(list_->ipacl_s);
-        else
-            add(list_->ipacl_e);
+    // The service can show words that the rule commands skip: the last rule must read as it was
+    // shown.
+    void check(const std::string &line) {
         const auto texts = analysis::rule_texts(*list_);
         if (texts.empty() || texts.back() != line)
             throw Trouble("the list " + name_ + " has a rule that can't be read back: " + line);
