@@ -75,9 +75,11 @@ class CommandLine {
         auto *watched = add("watch", "tell every list that changes or goes",
                             [this](Service &s) { return watch(s, a_.count); });
         watched->add_option("--count", a_.count, "end after so many");
+#ifdef IPACL_ANALYSIS
         add_analysis_commands(
             app_, [this] { return Service(a_.socket, a_.timeout).text("showrunning", Request()); },
             local_command_);
+#endif
     }
 
     int run(int argc, char **argv) {
