@@ -182,6 +182,6 @@ void fuzz::play(Input &in) {
     fuzz::require(broker.listen(kPath) == 0, "the broker can listen");
     Script steps(in);
     script = &steps;
-    broker.run(steps.stop());
+    broker.run(steps.stop(), -1, nullptr);
     script = nullptr;
 }
