@@ -21,8 +21,7 @@
 
 /* Reads a configuration file: "ip access-list KIND NAME" opens a list, the lines below are its
  * rules, "!" closes it. Returns the number of rule lines, or -1. */
-static int read_configuration(const char *path)
-{
+static int read_configuration(const char *path) {
     FILE *file = fopen(path, "r");
     char line[1024], name[IPACL_NAME_SIZE] = "";
     int standard = 0, rules = 0;
@@ -49,15 +48,13 @@ static int read_configuration(const char *path)
 }
 
 /* Says what a result means; the codes of missing lists and rules are no permission. */
-static const char *verdict(uint32_t result)
-{
+static const char *verdict(uint32_t result) {
     if (result == IPACL_CHECK_NO_LIST || result == IPACL_CHECK_NO_RULES)
         return "denied";
     return result & IPACL_FLAG_PERMIT ? "permitted" : "denied";
 }
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     ipacl_init();
 
     /* "read N rules" */
@@ -69,7 +66,8 @@ int main(int argc, char **argv)
     /* A list by its name, as any user of resources reads it: "guest-in has N rules". */
     struct ipacl *list = NULL;
     if (resource_read(RESOURCE_TYPE_ACCESSLIST, RESOURCE_INDEX_TYPE_STRING, "guest-in", &list, NULL,
-                      NULL, NULL) != 0 || !list)
+                      NULL, NULL) != 0 ||
+        !list)
         return 1;
     printf("%s has %u rules\n", list->name, list->rule_count);
 

@@ -47,12 +47,12 @@ struct Port {
     uint16_t protocol; // that is written with the word; commands take it for both
 };
 
+// kept: "ftp" comes before "ftp-data", so that word reads as 21.
 inline constexpr Port kPorts[] = {
-    {"bgp", 179, kTcp},    {"ftp", 21, kTcp},   {"ftp-data", 20, kTcp}, // kept: "ftp" comes first,
-                                                                        // so this word reads as 21
-    {"login", 513, kTcp},  {"pop2", 109, kTcp}, {"pop3", 110, kTcp},    {"smtp", 25, kTcp},
-    {"telnet", 23, kTcp},  {"www", 80, kTcp},   {"domain", 53, kUdp},   {"snmp", 161, kUdp},
-    {"syslog", 514, kUdp}, {"tftp", 69, kUdp},
+    {"bgp", 179, kTcp},  {"ftp", 21, kTcp},    {"ftp-data", 20, kTcp}, {"login", 513, kTcp},
+    {"pop2", 109, kTcp}, {"pop3", 110, kTcp},  {"smtp", 25, kTcp},     {"telnet", 23, kTcp},
+    {"www", 80, kTcp},   {"domain", 53, kUdp}, {"snmp", 161, kUdp},    {"syslog", 514, kUdp},
+    {"tftp", 69, kUdp},
 };
 
 struct Operator {

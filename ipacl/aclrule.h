@@ -143,8 +143,8 @@ int acl_rule_merger_op(void *src, const void *dst, int is_standard);
  * null. It shares remark texts. */
 struct ipacl *deepcopy_ipacl_ext_rule(const struct ipacl *base);
 
-/* Fills the caller's record with copies of the rules, chosen as for a merged copy. 0, -1 when memory
- * is short (what was copied stays), -2 for a missing argument. */
+/* Fills the caller's record with copies of the rules, chosen as for a merged copy. 0, -1 when
+ * memory is short (what was copied stays), -2 for a missing argument. */
 int deepcopy_ipacl_clean(const struct ipacl *base_ipacl, struct ipacl *dst_ipacl);
 
 #ifdef __cplusplus

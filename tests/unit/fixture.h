@@ -13,7 +13,8 @@ class ServiceTest : public testing::Test {
     ServiceTest() { clear(); }
     ~ServiceTest() override { clear(); }
 
-    // Deletes every list, with its derived copies, and every index node, then forgets what the fake has recorded.
+    // Deletes every list, with its derived copies, and every index node, then forgets what the fake
+    // has recorded.
     static void clear() {
         for (auto &head : hash_table) {
             while (head) {
