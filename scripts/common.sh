@@ -1,5 +1,7 @@
 # Shared by the scripts of this folder; source it. Works as root, through sudo, and for an ordinary
 # user whose machine has everything installed already.
+# The lists of packages at the end are for those that source it:
+# shellcheck shell=sh disable=SC2034
 
 set -eu
 cd "$(dirname "$0")/.."
@@ -36,16 +38,6 @@ quietly() {
         cat "$work/log" >&2
         fail "failed: $*"
     fi
-}
-
-# Runs a command until it succeeds, for at most some ten seconds.
-await() {
-    tries=0
-    until "$@" >/dev/null 2>&1; do
-        tries=$((tries + 1))
-        [ "$tries" -lt 200 ] || fail "gave up waiting for: $*"
-        sleep 0.05
-    done
 }
 
 as_root() {
@@ -138,4 +130,5 @@ report() {
 build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev libbdd-dev"
 manual_packages="man-db groff-base mandoc"
 arm_packages="g++-arm-linux-gnueabihf libcjson-dev:armhf libstdc++6:armhf googletest qemu-user"
+lint_packages="clang-tidy-14 clang-format-14 cppcheck"
 test_packages="libgtest-dev clang libclang-rt-14-dev iproute2 $manual_packages"
