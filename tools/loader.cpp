@@ -72,7 +72,7 @@ class Progress {
     explicit Progress(size_t total) : total_(total), shown_(false), terminal_(isatty(2) == 1) {}
     ~Progress() {
         if (shown_)
-            fputs("\r\033[K", stderr);
+            (void)fputs("\r\033[K", stderr);
     }
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
@@ -84,15 +84,15 @@ class Progress {
             return;
         constexpr size_t kWidth = 40;
         const std::string bar(total_ ? kWidth * done / total_ : kWidth, '#');
-        fprintf(stderr, "\r[%-40s] %zu of %zu lines", bar.c_str(), done, total_);
-        fflush(stderr);
+        (void)fprintf(stderr, "\r[%-40s] %zu of %zu lines", bar.c_str(), done, total_);
+        (void)fflush(stderr);
         last_ = now;
         shown_ = true;
     }
     // Clears the line for a message.
     void make_way() {
         if (shown_)
-            fputs("\r\033[K", stderr);
+            (void)fputs("\r\033[K", stderr);
     }
 
   private:
@@ -237,7 +237,7 @@ std::string refused_silently(Kind kind, const std::string &rule) {
 
 std::string send_rule(Service &service, const std::string &name, Kind kind,
                       const std::string &rule) {
-    if (const std::string wrong = refused_silently(kind, rule); !wrong.empty())
+    if (std::string wrong = refused_silently(kind, rule); !wrong.empty())
         return wrong;
     return complaint(service.call("action", rule_request(name, kind, rule)));
 }
@@ -274,7 +274,7 @@ LoadResult load(Service &service, std::istream &in, const std::string &source) {
     Progress progress(lines.size());
     Player player(service, [&](size_t number, const std::string &wrong) {
         progress.make_way();
-        fprintf(stderr, "%s:%zu: %s\n", source.c_str(), number, first_line(wrong).c_str());
+        (void)fprintf(stderr, "%s:%zu: %s\n", source.c_str(), number, first_line(wrong).c_str());
     });
     for (size_t i = 0; i < lines.size(); i++) {
         player.play(i + 1, lines[i]);

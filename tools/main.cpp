@@ -15,8 +15,11 @@ namespace {
 
 using namespace ipaclctl;
 
-const std::map<std::string, Kind> kKinds{{"standard", Kind::kStandard},
-                                         {"extended", Kind::kExtended}};
+const std::map<std::string, Kind> &kinds() {
+    static const std::map<std::string, Kind> words{{"standard", Kind::kStandard},
+                                                   {"extended", Kind::kExtended}};
+    return words;
+}
 
 // What a service is given after each start.
 constexpr const char *kStartupConfig = "/etc/ipacl/startup-config";
@@ -98,7 +101,7 @@ class CommandLine {
     }
 
   private:
-    CLI::App *add(const char *word, const char *help, Command command) {
+    CLI::App *add(const char *word, const char *help, const Command &command) {
         CLI::App *sub = app_.add_subcommand(word, help);
         sub->callback([this, command] { command_ = command; });
         return sub;
@@ -108,9 +111,9 @@ class CommandLine {
     }
     void kind(CLI::App *sub, bool required) {
         sub->add_option_function<std::string>(
-               "--type", [this](const std::string &word) { a_.kind = kKinds.at(word); },
+               "--type", [this](const std::string &word) { a_.kind = kinds().at(word); },
                "standard or extended")
-            ->check(CLI::IsMember(kKinds))
+            ->check(CLI::IsMember(kinds()))
             ->required(required);
     }
 

@@ -28,9 +28,8 @@ std::string directory_of(const std::string &file) {
 // A file beside another one, which takes its place when it is complete and vanishes otherwise.
 class Temporary {
   public:
-    explicit Temporary(const std::string &target) : name_(target + ".XXXXXX") {
-        fd_ = mkostemp(name_.data(), O_CLOEXEC);
-    }
+    explicit Temporary(const std::string &target)
+        : name_(target + ".XXXXXX"), fd_(mkostemp(name_.data(), O_CLOEXEC)) {}
     ~Temporary() {
         if (fd_ < 0)
             return;
