@@ -10,7 +10,7 @@ namespace {
 
 struct Entry {
     std::atomic<bool> ready;
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex{};
 };
 
 Entry table[16];

@@ -35,7 +35,7 @@ void reset_watch_dog(void) {
     static time_t last;
     if (watchdog_period == 0)
         return;
-    timespec now;
+    timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     if (now.tv_sec != last)
         notify::send(notify::kAlive);

@@ -23,7 +23,7 @@ uint32_t ffb(uint32_t word) { return static_cast<uint32_t>(std::countl_zero(word
 
 void lltostr(uint64_t value, char *text) {
     constexpr size_t kSize = 21;
-    snprintf(text, kSize, "%llu", static_cast<unsigned long long>(value));
+    (void)snprintf(text, kSize, "%llu", static_cast<unsigned long long>(value));
 }
 
 int sys_debug_print(int, int, const char *fmt, ...) {
@@ -31,6 +31,6 @@ int sys_debug_print(int, int, const char *fmt, ...) {
     va_start(args, fmt);
     const int written = vprintf(fmt, args);
     va_end(args);
-    fflush(stdout);
+    (void)fflush(stdout);
     return written;
 }

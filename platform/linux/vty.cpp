@@ -20,7 +20,7 @@ thread_local constinit FILE *log_print_fp_1 = nullptr;
 namespace {
 
 constexpr const char *kDirectory = "/run/ipacl";
-constexpr size_t kKept = 16 * 1024; // of the capture's memory, between requests
+constexpr size_t kKept = 16 << 10; // of the capture's memory, between requests
 
 struct Capture {
     bool on;
@@ -55,7 +55,8 @@ int keep(const char *fmt, va_list args) {
         // Once something was dropped nothing more is kept, so that no line goes missing inside.
         capture.truncated = !make_room(static_cast<size_t>(length));
         if (!capture.truncated) {
-            vsnprintf(capture.text + capture.used, static_cast<size_t>(length) + 1, fmt, again);
+            (void)vsnprintf(capture.text + capture.used, static_cast<size_t>(length) + 1, fmt,
+                            again);
             capture.used += static_cast<size_t>(length);
         }
     }
@@ -73,7 +74,7 @@ static_assert(sizeof(ino_t) == 8, "lstat fails where inode numbers are long");
 
 // Why a directory is not to be used for terminal files, or null.
 const char *unusable(const char *directory) {
-    struct stat info;
+    struct stat info {};
     mkdir(directory, 0755);
     if (lstat(directory, &info) != 0)
         return strerror(errno);
@@ -89,7 +90,7 @@ const char *unusable(const char *directory) {
 // Why a handler file is not to be written to, or null. Only this user and root can put anything
 // into the directory, so what is found here is what will be opened.
 const char *unusable_file(const char *name) {
-    struct stat info;
+    struct stat info {};
     if (lstat(name, &info) != 0)
         return errno == ENOENT ? nullptr : strerror(errno);
     if (S_ISLNK(info.st_mode))
@@ -118,7 +119,7 @@ void fill_prefix(int handler) {
         return;
     for (int number : {0, 1}) {
         char name[sizeof prefix + 16];
-        snprintf(name, sizeof name, "%s_%d_%d", prefix, handler, number);
+        (void)snprintf(name, sizeof name, "%s_%d_%d", prefix, handler, number);
         if (refused(name, unusable_file(name)))
             return;
     }
@@ -165,7 +166,7 @@ int vty_output(const char *fmt, ...) {
 
 void vty_printf_end(int) {
     if (log_print_handler && log_print_fp_0)
-        fflush(log_print_fp_0);
+        (void)fflush(log_print_fp_0);
 }
 
 void vty::begin_capture() {
