@@ -229,13 +229,13 @@ uint32_t ipacl_check_extended(const acl_info *acl_info, const ipacl *acl, int fr
 }
 
 uint32_t ipacl_check_standard_network(uint32_t addr, uint32_t mask, const ipacl *acl) {
-    constexpr const auto &fields = acl_words::kStandardSource;
-    const auto *rule = first_match(const_cast<const ipacl_standard_rule *>(acl->ipacl_s),
-                                   [&](const ipacl_standard_rule &r) {
-                                       return address_matches(r, fields, addr) &&
-                                              (!fields.by_mask(r) || r.srcmsk.s_addr <= mask);
-                                   });
-    return verdict<ipacl_standard_rule>(acl->ipacl_s, rule);
+    using acl_words::kStandardSource;
+    const ipacl_standard_rule *head = acl->ipacl_s;
+    const auto *rule = first_match(head, [&](const ipacl_standard_rule &r) {
+        return address_matches(r, kStandardSource, addr) &&
+               (!kStandardSource.by_mask(r) || r.srcmsk.s_addr <= mask);
+    });
+    return verdict(head, rule);
 }
 
 uint32_t ipacl_check(const acl_info *acl_info, const char *acl_name) {

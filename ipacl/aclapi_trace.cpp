@@ -100,7 +100,7 @@ void dump_copy(const ipacl &base, const ipacl *copy, const char *title, const ch
     line.text(title);
     write_fields(line, *copy);
     char merge[64];
-    snprintf(merge, sizeof merge, merge_format, static_cast<void *>(copy->p_mergeacl));
+    (void)snprintf(merge, sizeof merge, merge_format, static_cast<void *>(copy->p_mergeacl));
     line.text(merge);
     write_status(line, *copy);
     print(kDumpLevel, line);

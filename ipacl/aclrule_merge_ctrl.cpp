@@ -56,6 +56,7 @@ int control_own_copy(ipacl &base, int &notify) {
         result = rebuild(base, 3919);
         // Switching merging on is worth telling only when it removed rules.
         notify = result == IPACL_MERGE_RC_OK &&
+                 // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a success leaves a copy
                  (base.is_change || base.rule_count > base.p_mergeacl->rule_count);
     }
     base.is_change = 0;

@@ -33,7 +33,7 @@ int run() {
 } // namespace
 
 int main() {
-    setvbuf(stdout, nullptr, _IOLBF, 0); // messages are to be seen when they are said
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // messages are to be seen when they are said
     const int status = run();
     ebus_disconnect();
     return status;

@@ -57,7 +57,7 @@ in_addr query(int fd, unsigned long what, const char *name, in_addr_t otherwise)
     memcpy(request.ifr_name, name, strnlen(name, IFNAMSIZ - 1));
     if (ioctl(fd, what, &request) != 0)
         return in_addr{otherwise};
-    sockaddr_in address;
+    sockaddr_in address{};
     memcpy(&address, &request.ifr_addr, sizeof address);
     return address.sin_addr;
 }
@@ -75,10 +75,21 @@ bool read_interface(const char *name, InterfaceAddress &now) {
     return true;
 }
 
+// A node of the index holds its rule and its list as numbers.
+ipacl_extended_rule &rule_of(const _ipacl_rule_vlanname &node) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the field is a number by the interface
+    return *reinterpret_cast<ipacl_extended_rule *>(node.rule);
+}
+
+ipacl *list_of(const _ipacl_rule_vlanname &node) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the field is a number by the interface
+    return reinterpret_cast<ipacl *>(node.ipacl);
+}
+
 void update_source(const _ipacl_rule_vlanname &node, const InterfaceAddress &now,
                    Changes &changes) {
-    auto &rule = *reinterpret_cast<ipacl_extended_rule *>(node.rule);
-    changes.list = reinterpret_cast<ipacl *>(node.ipacl);
+    auto &rule = rule_of(node);
+    changes.list = list_of(node);
     if (rule.srcaddr.s_addr == now.ip.s_addr && rule.srcmsk.s_addr == now.mask.s_addr)
         return;
     rule.srcaddr = now.ip;
@@ -88,8 +99,8 @@ void update_source(const _ipacl_rule_vlanname &node, const InterfaceAddress &now
 
 void update_destination(const _ipacl_rule_vlanname &node, const InterfaceAddress &now,
                         Changes &changes) {
-    auto &rule = *reinterpret_cast<ipacl_extended_rule *>(node.rule);
-    changes.list = reinterpret_cast<ipacl *>(node.ipacl);
+    auto &rule = rule_of(node);
+    changes.list = list_of(node);
     rule.dstaddr = now.ip; // kept: rewritten and announced, changed or not
     rule.dstmsk = now.mask;
     changes.need_sync = true;
@@ -111,7 +122,7 @@ void update_node(const _ipacl_rule_vlanname &node, const char *name, const Inter
 // changed anything. False when nothing can be asked.
 bool resynchronize_node(const _ipacl_rule_vlanname &node) {
     Changes changes;
-    InterfaceAddress now;
+    InterfaceAddress now{};
     if (*node.srcvlan_name) {
         if (!read_interface(node.srcvlan_name, now))
             return false;
@@ -154,7 +165,7 @@ bool handle_message(nlmsghdr *header, Changes &changes) {
     interface_name(*message, tb, name);
     if (header->nlmsg_type == RTM_DELADDR)
         usleep(kRemovalPause);
-    InterfaceAddress now;
+    InterfaceAddress now{};
     if (!read_interface(name, now))
         return false;
     for (const auto *node = ipacl_vlanname_list_head; node; node = node->next)

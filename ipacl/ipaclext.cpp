@@ -212,7 +212,7 @@ class Reader {
 };
 
 in_addr address_in(const ifreq &request) {
-    sockaddr_in address;
+    sockaddr_in address{};
     memcpy(&address, &request.ifr_addr, sizeof address);
     return address.sin_addr;
 }
@@ -262,9 +262,9 @@ int do_extended_end(const char *aclname, const char *rule_text) {
     using Kind = acl::ExtendedKind;
     ipacl *list = acl::config_find<Kind>(aclname);
     auto *record = acl::new_record(command.rule);
-    Rule &rule = record ? *record : command.rule;
-    if (!look_up(rule, acl_words::kSource, command.src_interface) ||
-        !look_up(rule, acl_words::kDestination, command.dst_interface))
+    Rule *rule = record ? record : &command.rule;
+    if (!look_up(*rule, acl_words::kSource, command.src_interface) ||
+        !look_up(*rule, acl_words::kDestination, command.dst_interface))
         return -1; // kept: the record is lost
     if (!acl::apply<Kind>(list, record, command.negated))
         vty_output("The rule add fail.\n");

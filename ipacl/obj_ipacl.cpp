@@ -103,7 +103,7 @@ class Request {
 
 void close_stream(FILE *&stream) {
     if (stream)
-        fclose(stream);
+        (void)fclose(stream);
     stream = nullptr;
 }
 
@@ -164,7 +164,7 @@ int show_to_terminal(const Request &request, F &&show) {
 
 template <class Rule>
 int change_precedence(const Request &request, int (*change)(const char *, const Rule *)) {
-    Rule rule;
+    Rule rule{};
     if (!request.record(rule))
         return UBUS_STATUS_INVALID_ARGUMENT;
     change(request.name(), &rule);
