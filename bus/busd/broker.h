@@ -33,8 +33,8 @@ struct Type {
 };
 
 struct Object {
-    uint32_t id;
-    Client *owner;
+    uint32_t id = 0;
+    Client *owner = nullptr;
     std::optional<std::string> path;
     Type *type = nullptr;
     uint16_t seq = 0;                // of what the broker itself tells about the object
@@ -45,11 +45,15 @@ struct Object {
 
 class Broker {
   public:
+    Broker() = default;
+    ~Broker();
+    Broker(const Broker &) = delete;
+    Broker &operator=(const Broker &) = delete;
+
     // Listens on `path`, taking it over if it is in use. 0, or errno.
     int listen(const char *path);
     // Serves until `stop` is readable. Calls `tick` whenever the timer (a timerfd, or -1) runs out.
     void run(int stop, int timer, void (*tick)());
-    ~Broker();
 
   private:
     void accept_client();

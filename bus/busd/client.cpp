@@ -11,8 +11,8 @@ namespace busd {
 namespace {
 
 constexpr size_t kHeader = 12; // with the root's own word
-constexpr size_t kChunk = 64 * 1024;
-constexpr size_t kMaxQueue = 1024 * 1024;
+constexpr size_t kChunk = 64 << 10;
+constexpr size_t kMaxQueue = 1 << 20;
 
 template <class T>
 T read_be(const char *bytes) {

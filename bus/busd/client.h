@@ -24,9 +24,9 @@ class Body {
 
 // One message: header and attributes, without the root's own word.
 struct Message {
-    uint8_t type;
-    uint16_t seq;
-    uint32_t peer;
+    uint8_t type = 0;
+    uint16_t seq = 0;
+    uint32_t peer = 0;
     std::string_view body;
 };
 

@@ -28,7 +28,7 @@ int stop_signals() {
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
     sigprocmask(SIG_BLOCK, &set, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     return signalfd(-1, &set, SFD_CLOEXEC);
 }
 
@@ -52,7 +52,7 @@ int main(int argc, char **argv) {
         if (option == 's') {
             path = optarg;
         } else {
-            fputs(kUsage, option == 'h' ? stdout : stderr);
+            (void)fputs(kUsage, option == 'h' ? stdout : stderr);
             return option == 'h' ? 0 : 2;
         }
     }
@@ -63,7 +63,7 @@ int main(int argc, char **argv) {
     const int stop = stop_signals();
     busd::Broker broker;
     if (const int error = broker.listen(path)) {
-        fprintf(stderr, "ipacl-busd: can't listen on %s: %s\n", path, strerror(error));
+        (void)fprintf(stderr, "ipacl-busd: can't listen on %s: %s\n", path, strerror(error));
         return 1;
     }
     notify::send("READY=1");

@@ -34,7 +34,7 @@ blob_attr *new_named(blob_buf *buf, int type, const char *name, size_t len) {
     memset(bytes, 0, header);
     const uint16_t be_length = cpu_to_be16(static_cast<uint16_t>(length));
     memcpy(bytes, &be_length, sizeof be_length);
-    memcpy(bytes + 2, name, length);
+    memcpy(bytes + 2, name, length); // NOLINT(bugprone-not-null-terminated-result): zeroed above
     return attr;
 }
 
@@ -67,10 +67,16 @@ bool fits(const blobmsg_policy &entry, const blob_attr *attr) {
            memcmp(entry.name, blobmsg_name(attr), length) == 0;
 }
 
+// The value behind the name, if there is one; `attr` is not null.
+char *value_bytes(const blob_attr *attr) {
+    auto *bytes = static_cast<char *>(blob_data(attr));
+    return blob_is_extended(attr) ? bytes + header_size(name_length(attr)) : bytes;
+}
+
 template <class T>
 T value_of(const blob_attr *attr) {
     T value;
-    memcpy(&value, blobmsg_data(attr), sizeof value);
+    memcpy(&value, value_bytes(attr), sizeof value);
     return value;
 }
 
@@ -124,18 +130,13 @@ const char *blobmsg_name(const blob_attr *attr) {
     return blob_is_extended(attr) ? static_cast<const char *>(blob_data(attr)) + 2 : "";
 }
 
-void *blobmsg_data(const blob_attr *attr) {
-    if (!attr)
-        return nullptr;
-    auto *bytes = static_cast<char *>(blob_data(attr));
-    return blob_is_extended(attr) ? bytes + header_size(name_length(attr)) : bytes;
-}
+void *blobmsg_data(const blob_attr *attr) { return attr ? value_bytes(attr) : nullptr; }
 
 int blobmsg_len(const blob_attr *attr) {
     if (!attr)
         return 0;
     const auto *start = static_cast<const char *>(blob_data(attr));
-    const auto header = static_cast<const char *>(blobmsg_data(attr)) - start;
+    const auto header = value_bytes(attr) - start;
     return static_cast<int>(blob_len(attr)) - static_cast<int>(header);
 }
 
@@ -152,12 +153,12 @@ int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *dat
     if (!attr)
         return -1;
     if (len > 0)
-        memcpy(blobmsg_data(attr), data, len);
+        memcpy(value_bytes(attr), data, len);
     return 0;
 }
 
 int blobmsg_add_blob(blob_buf *buf, blob_attr *attr) {
-    return blobmsg_add_field(buf, blobmsg_type(attr), blobmsg_name(attr), blobmsg_data(attr),
+    return blobmsg_add_field(buf, blobmsg_type(attr), blobmsg_name(attr), value_bytes(attr),
                              static_cast<unsigned int>(blobmsg_len(attr)));
 }
 
@@ -180,5 +181,6 @@ void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array) {
         return nullptr;
     buf->head->id_len = outer_word; // the length is added when the container is closed
     buf->head = attr;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): as blob_nest_start
     return reinterpret_cast<void *>(outer + 1);
 }

@@ -18,7 +18,7 @@ struct Attributes {
 // A root attribute under construction; freed with the block.
 class Body {
   public:
-    Body() { whole_ = blob_buf_init(&buf_, 0) == 0; }
+    Body() : whole_(blob_buf_init(&buf_, 0) == 0) {}
     ~Body() { blob_buf_free(&buf_); }
     Body(const Body &) = delete;
     Body &operator=(const Body &) = delete;

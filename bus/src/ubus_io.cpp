@@ -20,7 +20,7 @@ namespace ubus {
 namespace {
 
 constexpr size_t kHeader = sizeof(ubus_msghdr);
-constexpr size_t kChunk = 64 * 1024;
+constexpr size_t kChunk = 64 << 10;
 constexpr int kShortMemoryPause = 10; // milliseconds
 
 // What has arrived and is not handled yet.
@@ -79,8 +79,8 @@ void serve(ubus_context *ctx, Queued *message) {
 size_t front_length(Inbox *box) {
     while (box && box->end - box->begin >= kHeader + sizeof(blob_attr)) {
         const char *start = box->bytes() + box->begin;
-        ubus_msghdr header;
-        blob_attr root;
+        ubus_msghdr header{};
+        blob_attr root{};
         memcpy(&header, start, kHeader);
         memcpy(&root, start + kHeader, sizeof root);
         const size_t length = be32_to_cpu(root.id_len) & BLOB_ATTR_LEN_MASK;
@@ -338,7 +338,7 @@ int ubus_reconnect(ubus_context *ctx, const char *path) {
     close_connection(ctx);
     if (const int status = open_connection(ctx, path))
         return status;
-    list_head again;
+    list_head again{};
     INIT_LIST_HEAD(&again);
     while (!list_empty(&ctx->objects.list_head)) {
         list_head *entry = ctx->objects.list_head.next;

@@ -221,7 +221,7 @@ int ubus_notify(ubus_context *ctx, ubus_object *obj, const char *type, blob_attr
     body.put(UBUS_ATTR_OBJID, obj->id).put(UBUS_ATTR_METHOD, type).put_data(msg);
     if (timeout < 0)
         body.put_flag(UBUS_ATTR_NO_REPLY);
-    ubus_request req;
+    ubus_request req{};
     if (const int status = start_request(ctx, &req, body, UBUS_MSG_NOTIFY, obj->id))
         return status;
     return timeout < 0 ? UBUS_STATUS_OK : ubus_complete_request(ctx, &req, timeout);

@@ -36,7 +36,7 @@ bool well_formed(ubus_msg_attr id, const blob_attr *attr) {
 }
 
 int64_t now_ms() {
-    timespec ts;
+    timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec * int64_t{1000} + ts.tv_nsec / 1'000'000;
 }
@@ -142,7 +142,7 @@ int start_request(ubus_context *ctx, ubus_request *req, Body &body, int type, ui
 
 int run_request(ubus_context *ctx, Body &body, int type, uint32_t peer, ubus_data_handler_t raw,
                 void *priv) {
-    ubus_request req;
+    ubus_request req{};
     if (const int status = start_request(ctx, &req, body, type, peer))
         return status;
     req.raw_data_cb = raw;
@@ -220,7 +220,7 @@ int ubus_invoke_async(ubus_context *ctx, uint32_t obj, const char *method, blob_
 
 int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout) {
-    ubus_request req;
+    ubus_request req{};
     if (const int status = ubus_invoke_async(ctx, obj, method, msg, &req))
         return status;
     req.data_cb = cb;
@@ -262,6 +262,6 @@ const char *ubus_strerror(int error) {
     static char unknown[32];
     if (error >= 0 && error < __UBUS_STATUS_LAST)
         return texts[error];
-    snprintf(unknown, sizeof unknown, "Unknown error: %d", error);
+    (void)snprintf(unknown, sizeof unknown, "Unknown error: %d", error);
     return unknown;
 }

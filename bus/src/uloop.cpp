@@ -54,7 +54,7 @@ void install(int signo, void (*handler)(int), struct sigaction *previous) {
 
 // Takes a signal over whose disposition is the default.
 void take(int signo, void (*handler)(int)) {
-    struct sigaction now;
+    struct sigaction now {};
     sigaction(signo, nullptr, &now);
     if (now.sa_handler != SIG_DFL)
         return;
@@ -89,7 +89,7 @@ int64_t milliseconds(const timeval &from, const timeval &to) {
 }
 
 timeval now() {
-    timespec ts;
+    timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return {ts.tv_sec, static_cast<suseconds_t>(ts.tv_nsec / 1000)};
 }
@@ -161,7 +161,7 @@ int uloop_init(void) {
         take(signo, on_ending_signal);
     if (uloop_handle_sigchld)
         take(SIGCHLD, on_signal);
-    struct sigaction pipe_action;
+    struct sigaction pipe_action {};
     sigaction(SIGPIPE, nullptr, &pipe_action);
     if (pipe_action.sa_handler == SIG_DFL)
         install(SIGPIPE, SIG_IGN, nullptr);
@@ -262,7 +262,7 @@ int uloop_timeout_set(uloop_timeout *timeout, int msecs) {
         uloop_timeout_cancel(timeout);
     timeout->time = now();
     timeout->time.tv_sec += msecs / 1000;
-    timeout->time.tv_usec += (msecs % 1000) * 1000;
+    timeout->time.tv_usec += msecs % 1000 * 1000L;
     if (timeout->time.tv_usec >= 1'000'000) {
         timeout->time.tv_sec++;
         timeout->time.tv_usec -= 1'000'000;

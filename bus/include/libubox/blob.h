@@ -29,7 +29,7 @@ struct blob_buf {
 };
 
 static inline void *blob_data(const struct blob_attr *attr) {
-    return (void *)((uintptr_t)attr + sizeof(struct blob_attr));
+    return (char *)attr + sizeof(struct blob_attr);
 }
 static inline unsigned int blob_id(const struct blob_attr *attr) {
     return (be32_to_cpu(attr->id_len) & BLOB_ATTR_ID_MASK) >> BLOB_ATTR_ID_SHIFT;
@@ -48,7 +48,7 @@ static inline size_t blob_pad_len(const struct blob_attr *attr) {
     return (blob_raw_len(attr) + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
 }
 static inline struct blob_attr *blob_next(const struct blob_attr *attr) {
-    return (struct blob_attr *)((uintptr_t)attr + blob_pad_len(attr));
+    return (struct blob_attr *)((char *)attr + blob_pad_len(attr));
 }
 
 static inline uint8_t blob_get_u8(const struct blob_attr *attr) {
@@ -112,17 +112,17 @@ bool blob_attr_equal(const struct blob_attr *a, const struct blob_attr *b);
 
 /* Walks `rem` bytes of attributes; stops where the next one does not fit with its padding. */
 #define __blob_for_each_attr(pos, attr, rem)                                                       \
-    for (pos = (struct blob_attr *)(attr);                                                         \
-         (size_t)rem >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)rem &&            \
+    for ((pos) = (struct blob_attr *)(attr);                                                       \
+         (size_t)(rem) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem) &&        \
          blob_pad_len(pos) >= sizeof(struct blob_attr);                                            \
-         rem -= blob_pad_len(pos), pos = blob_next(pos))
+         (rem) -= blob_pad_len(pos), (pos) = blob_next(pos))
 
 #define blob_for_each_attr(pos, attr, rem)                                                         \
-    for (rem = (attr) ? blob_len(attr) : 0,                                                        \
-        pos = (struct blob_attr *)((attr) ? blob_data(attr) : NULL);                               \
-         (size_t)rem >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)rem &&            \
+    for ((rem) = (attr) ? blob_len(attr) : 0,                                                      \
+        (pos) = (struct blob_attr *)((attr) ? blob_data(attr) : NULL);                             \
+         (size_t)(rem) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem) &&        \
          blob_pad_len(pos) >= sizeof(struct blob_attr);                                            \
-         rem -= blob_pad_len(pos), pos = blob_next(pos))
+         (rem) -= blob_pad_len(pos), (pos) = blob_next(pos))
 
 #ifdef __cplusplus
 }

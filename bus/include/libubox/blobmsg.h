@@ -95,11 +95,11 @@ static inline void blobmsg_close_array(struct blob_buf *buf, void *cookie) {
 }
 
 #define blobmsg_for_each_attr(pos, attr, rem)                                                      \
-    for (rem = (attr) ? (size_t)blobmsg_len(attr) : 0,                                             \
-        pos = (struct blob_attr *)((attr) ? blobmsg_data(attr) : NULL);                            \
-         (size_t)rem >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)rem &&            \
+    for ((rem) = (attr) ? (size_t)blobmsg_len(attr) : 0,                                           \
+        (pos) = (struct blob_attr *)((attr) ? blobmsg_data(attr) : NULL);                          \
+         (size_t)(rem) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem) &&        \
          blob_pad_len(pos) >= sizeof(struct blob_attr);                                            \
-         rem -= blob_pad_len(pos), pos = blob_next(pos))
+         (rem) -= blob_pad_len(pos), (pos) = blob_next(pos))
 
 #ifdef __cplusplus
 }

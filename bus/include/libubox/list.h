@@ -38,6 +38,7 @@ static inline void list_add_tail(struct list_head *entry, struct list_head *list
 }
 
 static inline void list_del(struct list_head *entry) {
+    /* NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed has been unlinked before */
     entry->prev->next = entry->next;
     entry->next->prev = entry->prev;
     entry->next = entry->prev = NULL;
@@ -52,14 +53,14 @@ static inline void list_del_init(struct list_head *entry) {
 #define list_first_entry(list, type, member) list_entry((list)->next, type, member)
 
 #define list_for_each_entry(pos, list, member)                                                     \
-    for (pos = list_entry((list)->next, __typeof__(*pos), member); &pos->member != (list);         \
-         pos = list_entry(pos->member.next, __typeof__(*pos), member))
+    for ((pos) = list_entry((list)->next, __typeof__(*(pos)), member); &(pos)->member != (list);   \
+         (pos) = list_entry((pos)->member.next, __typeof__(*(pos)), member))
 
 #define list_for_each_entry_safe(pos, following, list, member)                                     \
-    for (pos = list_entry((list)->next, __typeof__(*pos), member),                                 \
-        following = list_entry(pos->member.next, __typeof__(*pos), member);                        \
-         &pos->member != (list); pos = following,                                                  \
-        following = list_entry(following->member.next, __typeof__(*pos), member))
+    for ((pos) = list_entry((list)->next, __typeof__(*(pos)), member),                             \
+        (following) = list_entry((pos)->member.next, __typeof__(*(pos)), member);                  \
+         &(pos)->member != (list); (pos) = (following),                                            \
+        (following) = list_entry((following)->member.next, __typeof__(*(pos)), member))
 
 #ifdef __cplusplus
 }
