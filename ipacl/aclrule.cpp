@@ -44,9 +44,9 @@ bool same_option(const ipacl_extended_rule &a, const ipacl_extended_rule &b,
     case acl_words::Option::kChoice:
         return ((a.*option.byte ^ b.*option.byte) & option.bit) == 0;
     case acl_words::Option::kCompare:
-        return a.*option.op == b.*option.op && a.*option.value == b.*option.value;
+        break;
     }
-    return false;
+    return a.*option.op == b.*option.op && a.*option.value == b.*option.value;
 }
 
 bool same_options(const ipacl_extended_rule &a, const ipacl_extended_rule &b) {

@@ -233,6 +233,19 @@ TEST_F(RuleList, AppendAndDeleteByContentLeaveTheCountsAlone) {
     sys_mem_free(twin);
 }
 
+TEST_F(RuleList, AppendGoesBehindTheLastRule) {
+    add(1);
+    add_ext(extended(1));
+    EXPECT_EQ(add_acls_rule(s, new_rule(standard(2))), 1);
+    EXPECT_EQ(add_acle_rule(e, new_rule(extended(2))), 1);
+    EXPECT_EQ(addresses(s->ipacl_s), (std::vector<uint32_t>{1, 2}));
+    EXPECT_EQ(addresses(e->ipacl_e), (std::vector<uint32_t>{1, 2}));
+    const Ext first = extended(1);
+    EXPECT_EQ(delete_acle_rule(e, &first), 1);
+    EXPECT_EQ(delete_acle_rule(e, &first), 0);
+    EXPECT_EQ(addresses(e->ipacl_e), (std::vector<uint32_t>{2}));
+}
+
 TEST_F(RuleList, AppendRefusesTheOtherKind) {
     Std a = standard(1);
     Ext b = extended(1);
