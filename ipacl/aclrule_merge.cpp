@@ -53,13 +53,11 @@ Rule **merge_one(Rule **link, ipacl &upper, Effort &effort) {
 template <class Kind>
 Effort merge_rules(ipacl &upper) {
     Effort effort;
-    const uint32_t rules = upper.rule_count;
-    for (uint32_t pass = 1; rules >= 2 && pass <= rules; pass++) {
+    for (bool again = upper.rule_count >= 2; again;) {
         const uint32_t before = effort.removed;
         for (auto **link = &Kind::head(upper); *link;)
             link = merge_one(link, upper, effort);
-        if (effort.removed == before)
-            break;
+        again = effort.removed != before;
     }
     return effort;
 }
