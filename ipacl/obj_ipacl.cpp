@@ -112,7 +112,7 @@ void open_stream(FILE *&stream, int handler, int number) {
     char name[100] = {};
     const int length =
         snprintf(name, sizeof name, "%s_%d_%d", vty_file_pre ? vty_file_pre : "", handler, number);
-    const bool usable = vty_file_pre && length > 0 && static_cast<size_t>(length) < sizeof name;
+    const bool usable = vty_file_pre && static_cast<size_t>(length) < sizeof name;
     stream = usable ? fopen(name, "a+") : nullptr;
     if (!stream)
         printf("%%VTY-HANDLER: open %s error\n", name);

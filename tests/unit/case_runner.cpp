@@ -264,7 +264,7 @@ int play(const std::string &line, std::string &terminal) {
         return 0;
     }
     if (command == "open-stream") {
-        log_print_fp_0 = tmpfile();
+        (words.number() == 1 ? log_print_fp_1 : log_print_fp_0) = tmpfile();
         return 0;
     }
     if (command == "terminal-file") {
