@@ -225,6 +225,34 @@ TEST_F(Netlink, AnOverrunThatDoesNotEndOrHasNoSocketEndsTheHandler) {
                                      "3 ipacl socket error\n");
 }
 
+TEST_F(Netlink, AnOverrunWithoutASocketLeavesADestinationAlone) {
+    auto *rule = add("", "vlan10");
+    rule->dstaddr = ip("10.9.0.1");
+    fake::overrun(1);
+    fake::fail_socket(true);
+    uloop_fd u{};
+    ipacl_cb(&u, 0);
+    EXPECT_EQ(rule->dstaddr.s_addr, ip("10.9.0.1").s_addr);
+    EXPECT_TRUE(fake::take_syncs().empty());
+    EXPECT_EQ(fake::take_log_text(), "3 ipacl: Message received from netlink error(-1).\n"
+                                     "3 ipacl socket error\n");
+}
+
+TEST_F(Netlink, ANodeOfAListThatIsDeletedIsMarkedWhateverItsRule) {
+    ipacl *list = ipacl_config_find("web");
+    add("vlan10", "");
+    add("", "vlan10");
+    ipacl_extended_rule loose{}; // a linked component's own, in no list
+    add_ipacl_vlanname_list("vlan10", list, &loose, 1);
+    ipacl_insert("other", 0, 0, IPACL_STATUS_READY);
+    auto *kept = add("vlan10", "", "other");
+    EXPECT_EQ(ipacl_delete("web", 0), 1);
+    for (const auto *node = ipacl_vlanname_list_head; node; node = node->next)
+        EXPECT_EQ(node->rule, node->next ? 0U : reinterpret_cast<uintptr_t>(kept));
+    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 1U);
+    EXPECT_EQ(loose.srcaddr.s_addr, 0U);
+}
+
 TEST_F(Netlink, AMarkedNodeIsSkippedAfterAnOverrunToo) {
     add("vlan10", "");
     delete_acl_rule_location(ipacl_config_find("web"), nullptr, 1);
