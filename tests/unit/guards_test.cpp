@@ -1,6 +1,7 @@
 // Behaviour at the edges that no conversation shows: precedences, records from the hardware layer,
 // names that are cut, JSON as a structure.
 
+#include "acl_cursor.h"
 #include "fixture.h"
 
 #include "ipaclext.h"
@@ -10,6 +11,8 @@
 
 #include <cjson/cJSON.h>
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstring>
 
 namespace {
@@ -130,6 +133,84 @@ TEST_F(Guards, ALineWithoutATextIsIncomplete) {
     EXPECT_EQ(do_extended_end("e", nullptr), -1);
     EXPECT_EQ(do_standard_end(nullptr, "permit any"), 0);
     EXPECT_EQ(do_extended_end(nullptr, "permit ip any any"), 0);
+}
+
+// As strtol and inet_addr read them on the device.
+TEST(Words, NumbersAreClampedAndBeginBehindBlanksAndASign) {
+    const struct {
+        const char *word;
+        int32_t value;
+    } cases[] = {
+        {"7", 7},
+        {" 7", 7},
+        {"\v\f 7", 7},
+        {"+7", 7},
+        {"-7", -7},
+        {"\f-7", -7},
+        {"--7", 0},
+        {"+-7", 0},
+        {"", 0},
+        {" ", 0},
+        {"+", 0},
+        {"x7", 0},
+        {"7x", 7},
+        {"7/", 7},
+        {"7:", 7},
+        {"\x0e"
+         "7",
+         0},
+        {"\b7", 0},
+        {"2147483648", INT32_MAX},
+        {"-2147483649", INT32_MIN},
+        {"99999999999999999999999", INT32_MAX},
+    };
+    for (const auto &[word, value] : cases)
+        EXPECT_EQ(acl::read_number(word), value) << word;
+}
+
+TEST(Words, AnAddressMayHaveUpTo127Characters) {
+    EXPECT_EQ(acl::read_address(std::string(126, '0') + "7").s_addr, ip("0.0.0.7").s_addr);
+    EXPECT_EQ(acl::read_address(std::string(127, '0') + "7").s_addr, INADDR_NONE);
+}
+
+std::vector<std::string> printed;
+
+int keep_printed(const char *format, ...) {
+    char line[4096];
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    printed.emplace_back(line);
+    return length;
+}
+
+// One line is built for all rules of a list: it grows for one and grows again for a later one.
+TEST_F(Guards, ACountedLineIsAsLongAsItsRemarkAndLeftOutWhenMemoryIsShort) {
+    do_standard_end("s", "permit 10.0.0.2");
+    ipacl *list = ipacl_config_find("s");
+    std::vector<std::string> expected{"ip access-list standard s\n"};
+    size_t length = 500;
+    for (auto *rule = list->ipacl_s; rule; rule = rule->ipacl_next, length += 1500) {
+        rule->flags = IPACL_FLAG_REMARK;
+        rule->remark = static_cast<char *>(sys_mem_malloc(length + 1));
+        *std::fill_n(rule->remark, length, 'r') = '\0';
+        expected.push_back(" remark  " + std::string(rule->remark) + " statistics: 7\n");
+        rule->stat_count = 7;
+    }
+    const size_t blocks = fake::live_blocks();
+    printed.clear();
+    fake::fail_allocation(2);
+    show_ip_acl_rule(list, 0, keep_printed);
+    EXPECT_EQ(printed, std::vector<std::string>(expected.begin(), expected.begin() + 2));
+    EXPECT_EQ(fake::take_log_text(), "3 %IPACL-3-show_counted(*): insufficient memory!\n");
+    EXPECT_EQ(list->ipacl_s->stat_count, 0U);
+    EXPECT_EQ(list->ipacl_s->ipacl_next->stat_count, 7U) << "what was not shown still counts";
+    list->ipacl_s->stat_count = 7;
+    printed.clear();
+    show_ip_acl_rule(list, 0, keep_printed);
+    EXPECT_EQ(printed, expected);
+    EXPECT_EQ(fake::live_blocks(), blocks);
 }
 
 TEST_F(Guards, AVeryLongLineIsReadLikeAnyOther) {

@@ -69,6 +69,9 @@ TEST_F(Registry, ShortMemoryLooksLikeSuccess) {
 
 TEST_F(Registry, AListWithoutANameIsLostAndLogged) {
     const size_t mark = fake::mark();
+    EXPECT_EQ(get_ipacl_byname(nullptr, 1), nullptr);
+    EXPECT_EQ(fake::free_lost(mark), 1U);
+    fake::take_log();
     EXPECT_EQ(ipacl_insert(nullptr, 1, 0, 1), 0);
     EXPECT_EQ(fake::free_lost(mark), 1U);
     EXPECT_EQ(fake::take_log_text(), "3 %IPACL-3-hash_char(*): catch a null pointer!\n"
