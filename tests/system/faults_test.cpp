@@ -238,6 +238,20 @@ TEST_F(Faults, EveryAllocationOfADialogueMayFail) {
     RecordProperty("faults", single + rounds(faults::kMemory, ENOMEM, 3));
 }
 
+// The socket of the source side stays open, so that only its first use can fail.
+TEST_F(Faults, TheFirstSocketForASourceInterfaceMayFail) {
+    const std::string rule = "permit ip interface lo any";
+    auto &sockets = block_->calls[faults::kSocket];
+    create("web", 0);
+    sockets.arm(1, 1, EMFILE);
+    ask("action", "web", 1, 0, rule);
+    EXPECT_EQ(sockets.failed, 1U);
+    EXPECT_EQ(ask("showrunning", "", 0, 0).output, "ip access-list extended web\n!\n");
+    ask("action", "web", 1, 0, rule);
+    EXPECT_EQ(ask("showrunning", "", 0, 0).output,
+              "ip access-list extended web\n " + rule + "\n!\n");
+}
+
 TEST_F(Faults, EveryAllocationOfAReconnectionMayFail) {
     warm_up();
     auto &memory = block_->calls[faults::kMemory];
