@@ -341,17 +341,17 @@ int ubus_reconnect(ubus_context *ctx, const char *path) {
     list_head again{};
     INIT_LIST_HEAD(&again);
     while (!list_empty(&ctx->objects.list_head)) {
-        list_head *entry = ctx->objects.list_head.next;
-        list_del(entry);
-        list_add_tail(entry, &again);
-    }
-    while (!list_empty(&again)) {
-        auto *obj = list_first_entry(&again, ubus_object, avl.list);
+        auto *obj = list_first_entry(&ctx->objects.list_head, ubus_object, avl.list);
         list_del(&obj->avl.list);
+        list_add_tail(&obj->avl.list, &again);
         obj->id = 0;
         obj->has_subscribers = false;
         if (obj->type)
             obj->type->id = 0;
+    }
+    while (!list_empty(&again)) {
+        auto *obj = list_first_entry(&again, ubus_object, avl.list);
+        list_del(&obj->avl.list);
         if (ubus_add_object(ctx, obj) != UBUS_STATUS_OK)
             list_add_tail(&obj->avl.list, &ctx->objects.list_head); // for the next attempt
     }
