@@ -170,12 +170,11 @@ void Broker::run(int stop, int timer, void (*tick)()) {
 
 template <class Map>
 uint32_t Broker::new_id(const Map &map) {
-    for (;;) {
-        uint32_t id;
-        if (getrandom(&id, sizeof id, 0) == sizeof id && id >= UBUS_SYSTEM_OBJECT_MAX &&
-            id != kUnusableId && !map.contains(id))
-            return id;
+    uint32_t id;
+    while (getrandom(&id, sizeof id, 0) != sizeof id || id < UBUS_SYSTEM_OBJECT_MAX ||
+           id == kUnusableId || map.contains(id)) {
     }
+    return id;
 }
 
 void Broker::accept_client() {
@@ -221,9 +220,9 @@ void Broker::serve_client(Client &client, uint32_t events) {
     const Read read = client.receive();
     Message message;
     bool broken;
-    while (!client.gone && client.next(message, broken))
+    while (client.next(message, broken))
         handle(client, message);
-    if (!client.gone && (broken || read == Read::kGone))
+    if (broken || read == Read::kGone)
         drop(client);
 }
 
