@@ -152,4 +152,103 @@ TEST(Blob, ABufferThatGotNoMemoryTakesNothing) {
     blob_buf_free(&buf);
 }
 
+TEST(Blob, WhatCanNotBeIsRefused) {
+    blob_buf buf{};
+    blob_buf_init(&buf, 0);
+    const uint32_t word = 0;
+    EXPECT_EQ(blob_put(&buf, 1, &word, BLOB_ATTR_LEN_MASK + 1), nullptr);
+    EXPECT_EQ(blob_new(&buf, 1, BLOB_ATTR_LEN_MASK), nullptr);
+    EXPECT_EQ(blob_put_raw(&buf, &word, 3), nullptr) << "shorter than its own word";
+    EXPECT_EQ(blob_put_raw(&buf, nullptr, 4), nullptr);
+    EXPECT_FALSE(blob_buf_grow(&buf, -1));
+    EXPECT_EQ(blobmsg_add_field(&buf, BLOBMSG_TYPE_UNSPEC, "n", &word, BLOB_ATTR_LEN_MASK + 1), -1);
+    const std::string name(65536, 'n');
+    EXPECT_EQ(blobmsg_add_u8(&buf, name.c_str(), 1), -1);
+    EXPECT_EQ(blobmsg_open_table(&buf, name.c_str()), nullptr);
+    EXPECT_EQ(blob_len(buf.head), 0U);
+    EXPECT_EQ(blobmsg_add_u8(&buf, name.c_str() + 1, 1), 0) << "the longest name";
+    blob_buf_free(&buf);
+}
+
+TEST(Blob, RawAttributesArePutAsTheyAreUntilMemoryIsShort) {
+    blob_buf buf{};
+    blob_buf_init(&buf, 0);
+    const Bytes raw = from_hex("01000005aa");
+    const auto *put = blob_put_raw(&buf, raw.data(), 5);
+    ASSERT_NE(put, nullptr);
+    EXPECT_EQ(to_hex(Bytes(reinterpret_cast<const char *>(put), 8)), "01000005aa000000");
+    buf.grow = [](blob_buf *, int) { return false; };
+    const Bytes most = from_hex("01ffffff") + Bytes(BLOB_ATTR_LEN_MASK - 4, '\0');
+    EXPECT_EQ(blob_put_raw(&buf, most.data(), BLOB_ATTR_LEN_MASK), nullptr);
+    EXPECT_EQ(blob_len(buf.head), 8U);
+    blob_buf_free(&buf);
+}
+
+TEST(Blob, AttributesAreEqualInTypeLengthAndContent) {
+    const auto attr = [](const Bytes &bytes) {
+        return reinterpret_cast<const blob_attr *>(bytes.data());
+    };
+    const Bytes a = from_hex("0100000800000001"), b = from_hex("0100000800000002"),
+                c = from_hex("01000004");
+    EXPECT_TRUE(blob_attr_equal(attr(a), attr(Bytes(a))));
+    EXPECT_FALSE(blob_attr_equal(attr(a), attr(b)));
+    EXPECT_FALSE(blob_attr_equal(attr(a), attr(c)));
+    EXPECT_FALSE(blob_attr_equal(nullptr, attr(a)));
+    EXPECT_TRUE(blob_attr_equal(nullptr, nullptr));
+}
+
+TEST(Blob, AnAttributeIsCopiedWithItsName) {
+    blob_buf from{}, to{};
+    blobmsg_buf_init(&from);
+    blobmsg_buf_init(&to);
+    blobmsg_add_string(&from, "name", "web");
+    ASSERT_EQ(blobmsg_add_blob(&to, static_cast<blob_attr *>(blob_data(from.head))), 0);
+    EXPECT_TRUE(blob_attr_equal(from.head, to.head));
+    blob_buf_free(&from);
+    blob_buf_free(&to);
+}
+
+TEST(Blob, WhatHasNoNameIsAllValue) {
+    const Bytes bytes = from_hex("0300000678000000");
+    const auto *attr = reinterpret_cast<const blob_attr *>(bytes.data());
+    EXPECT_STREQ(blobmsg_name(attr), "");
+    EXPECT_EQ(blobmsg_data(attr), bytes.data() + 4);
+    EXPECT_EQ(blobmsg_len(attr), 2);
+    EXPECT_EQ(blobmsg_data(nullptr), nullptr);
+    EXPECT_EQ(blobmsg_len(nullptr), 0);
+}
+
+TEST(Blob, ACheckedAttributeIsWholeAndHasANameWhereOneIsAsked) {
+    const auto valid = [](const char *hex, bool name, size_t less = 0) {
+        const Bytes bytes = from_hex(hex);
+        return blobmsg_check_attr_len(reinterpret_cast<const blob_attr *>(bytes.data()), name,
+                                      bytes.size() - less);
+    };
+    EXPECT_TRUE(valid(kS, true));
+    EXPECT_FALSE(valid(kS, true, 3)) << "longer than what there is";
+    EXPECT_FALSE(valid(kS, true, 9)) << "not even a word";
+    EXPECT_FALSE(valid("0300000378000000", false)) << "shorter than its word";
+    EXPECT_FALSE(valid("8300000600000000", false)) << "no room for a name";
+    EXPECT_TRUE(valid("8300000a0000000078000000", false));
+    EXPECT_FALSE(valid("8300000a0000000078000000", true)) << "an empty name";
+    EXPECT_TRUE(valid("0300000678000000", false));
+    EXPECT_FALSE(valid("0300000678000000", true)) << "no name";
+}
+
+TEST(Blob, ANameBeyond255CharactersIsNeverFound) {
+    for (size_t length : {255U, 256U}) {
+        const std::string name(length, 'n');
+        blob_buf buf{};
+        blobmsg_buf_init(&buf);
+        blobmsg_add_u8(&buf, name.c_str(), 1);
+        const blobmsg_policy policy = {.name = name.c_str(), .type = BLOBMSG_TYPE_INT8};
+        blob_attr *found;
+        EXPECT_EQ(blobmsg_parse(&policy, 1, &found, blob_data(buf.head),
+                                static_cast<unsigned>(blob_len(buf.head))),
+                  0);
+        EXPECT_EQ(found != nullptr, length == 255);
+        blob_buf_free(&buf);
+    }
+}
+
 } // namespace

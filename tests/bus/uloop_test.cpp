@@ -158,4 +158,93 @@ TEST_F(Loop, ASignalOfOnesOwnIsDeliveredFromTheLoop) {
     EXPECT_EQ(uloop_signal_delete(&s), -1);
 }
 
+TEST_F(Loop, EachSignalWakesTheLoopAndReachesItsOwnCallback) {
+    static uloop_signal first, second;
+    first = second = {};
+    first.signo = SIGUSR1;
+    second.signo = SIGUSR2;
+    first.cb = [](uloop_signal *) { events += "1"; };
+    second.cb = [](uloop_signal *) {
+        events += "2";
+        uloop_end();
+    };
+    ASSERT_EQ(uloop_signal_add(&first), 0);
+    ASSERT_EQ(uloop_signal_add(&second), 0);
+    EXPECT_EQ(uloop_signal_add(&second), -1);
+    static uloop_timeout later;
+    later = {};
+    later.cb = [](uloop_timeout *) { raise(SIGUSR2); };
+    uloop_timeout_set(&later, 30);
+    raise(SIGUSR1);
+    EXPECT_EQ(uloop_run(), 0);
+    EXPECT_EQ(events, "12");
+    uloop_signal_delete(&first);
+    uloop_signal_delete(&second);
+}
+
+TEST_F(Loop, WritingAloneIsServedAndAnEdgeIsToldOnce) {
+    uloop_fd_add(&fd_, ULOOP_WRITE | ULOOP_EDGE_TRIGGER);
+    EXPECT_EQ(uloop_run(), 0);
+    EXPECT_EQ(events, "2");
+    uloop_run_timeout(0);
+    EXPECT_EQ(events, "2");
+}
+
+TEST_F(Loop, TimersAreOrderedBySecondsAndThenByMicroseconds) {
+    static uloop_timeout late, soon, never, silent;
+    late = soon = never = silent = {};
+    late.cb = [](uloop_timeout *) { events += "l"; };
+    soon.cb = [](uloop_timeout *) {
+        events += "s";
+        uloop_end();
+    };
+    uloop_timeout_set(&late, 5000);
+    uloop_timeout_set(&soon, 20);
+    uloop_timeout_set(&silent, 0); // without a callback
+    never.time.tv_sec = late.time.tv_sec + 10'000'000;
+    ASSERT_EQ(uloop_timeout_add(&never), 0);
+    uloop_run();
+    EXPECT_EQ(events, "s");
+    EXPECT_FALSE(silent.pending);
+    EXPECT_EQ(uloop_run_timeout(10), 0) << "the next timer is later";
+    EXPECT_EQ(events, "s");
+    uloop_timeout_cancel(&late);
+    EXPECT_EQ(uloop_get_next_timeout(), INT32_MAX);
+    EXPECT_GT(uloop_timeout_remaining64(&never), int64_t{INT32_MAX});
+    uloop_timeout_cancel(&never);
+}
+
+TEST_F(Loop, ARunWithinARunLeavesTheOuterOneItsEnd) {
+    static uloop_timeout t;
+    t = {};
+    t.cb = [](uloop_timeout *) {
+        events += uloop_cancelling() ? "?" : "r";
+        uloop_run_timeout(0);
+        uloop_end();
+        events += uloop_cancelling() ? "c" : "?";
+    };
+    uloop_timeout_set(&t, 0);
+    EXPECT_EQ(uloop_run(), 0);
+    EXPECT_EQ(events, "rc");
+    EXPECT_FALSE(uloop_cancelling()) << "nothing runs";
+}
+
+TEST_F(Loop, SignalsThatSomebodyElseHandlesAreLeftToThem) {
+    uloop_done();
+    signal(SIGTERM, SIG_IGN);
+    uloop_handle_sigchld = false;
+    uloop_init();
+    struct sigaction now;
+    sigaction(SIGTERM, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_IGN);
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_DFL);
+    uloop_done();
+    sigaction(SIGTERM, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_IGN);
+    signal(SIGTERM, SIG_DFL);
+    uloop_handle_sigchld = true;
+    uloop_init();
+}
+
 } // namespace
