@@ -1,12 +1,11 @@
 // The compiled form against the linear walk: nanoseconds a packet, one by one and in batches of
 // 32, and what compiling costs. The last table holds medians and ratios.
 
+#include "medians.h"
 #include "rule_sets.h"
 
 #include "aclapi.h"
 #include "aclfast.h"
-
-#include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <ctime>
@@ -70,25 +69,6 @@ struct Method {
 };
 constexpr Method kMethods[] = {
     {"linear", 1, linear}, {"single", 1, single}, {"batch", kBatch, batch}};
-
-// Keeps the medians, by name, beside printing them.
-class Medians : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &run : runs)
-            if (run.aggregate_name == "median")
-                ns_[run.run_name.function_name] =
-                    1e9 / static_cast<double>(run.counters.at("items_per_second"));
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double ns(const std::string &name) const {
-        const auto found = ns_.find(name);
-        return found == ns_.end() ? 0 : found->second;
-    }
-
-  private:
-    std::map<std::string, double> ns_;
-};
 
 std::string name_of(const char *kind, uint32_t size, const char *method) {
     std::string name = kind;
