@@ -148,5 +148,5 @@ void print_mispredictions() {
     if (counts.empty())
         print_skipped(name, "the counter can't be read");
     else
-        printf("%-52s %10.2f\n", name.c_str(), median(counts));
+        printf("%-56s %10.2f\n", name.c_str(), median(counts));
 }
