@@ -6,10 +6,11 @@
 #include "platform/sys.h"
 #include "platform/vty.h"
 
-#include <arpa/inet.h>
+#include <algorithm>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
+#include <iterator>
 
 namespace acl_text {
 
@@ -93,6 +94,34 @@ const Style kDump{
     .line_end = "",
 };
 
+char *write_dotted(char *to, in_addr address) {
+    const auto *octets = reinterpret_cast<const uint8_t *>(&address);
+    for (size_t i = 0; i < sizeof address; i++) {
+        to = std::to_chars(to, to + 3, octets[i]).ptr;
+        if (i + 1 < sizeof address)
+            *to++ = '.';
+    }
+    return to;
+}
+
+void Sink::number(int value) {
+    char digits[12];
+    const char *end = std::to_chars(std::begin(digits), std::end(digits), value).ptr;
+    text({digits, end});
+}
+
+void Sink::numbered(std::string_view pattern, int value) {
+    constexpr std::string_view kPlace = "%5d";
+    const size_t place = pattern.find(kPlace);
+    if (place == std::string_view::npos)
+        return text(pattern);
+    text(pattern.substr(0, place));
+    for (int least = 10000; least > std::max(value, 1); least /= 10)
+        text(" ");
+    number(value);
+    text(pattern.substr(place + kPlace.size()));
+}
+
 void Sink::format(const char *fmt, ...) {
     char token[128];
     va_list args;
@@ -105,45 +134,56 @@ void Sink::format(const char *fmt, ...) {
 
 void Sink::address(in_addr address) {
     char dotted[INET_ADDRSTRLEN];
-    text(inet_ntop(AF_INET, &address, dotted, sizeof dotted));
+    text({dotted, write_dotted(dotted, address)});
 }
 
-TerminalSink::TerminalSink() : Sink([](Sink &, const char *token) { vty_printf("%s", token); }) {}
+TerminalSink::TerminalSink()
+    : Sink(
+          [](Sink &self, std::string_view token) {
+              auto &terminal = static_cast<TerminalSink &>(self);
+              terminal.flush();
+              if (token.size() <= sizeof terminal.text_)
+                  terminal.text(token);
+              else
+                  vty_printf("%.*s", static_cast<int>(token.size()), token.data());
+          },
+          text_, sizeof text_) {}
+
+void TerminalSink::flush() {
+    if (used() > 0)
+        vty_printf("%.*s", static_cast<int>(used()), begin_);
+    at_ = begin_;
+}
 
 // cppcheck-suppress uninitMemberVar // only the used part of the buffer is ever read
 LineSink::LineSink()
-    : Sink([](Sink &self, const char *token) { static_cast<LineSink &>(self).put(token); }) {
-    clear();
-}
+    : Sink([](Sink &self, std::string_view token) { static_cast<LineSink &>(self).grow(token); },
+           small_, sizeof small_ - 1) {}
 
 LineSink::~LineSink() {
-    if (line_ != small_)
-        sys_mem_free(line_);
+    if (begin_ != small_)
+        sys_mem_free(begin_);
 }
 
 void LineSink::clear() {
-    used_ = 0;
-    *line_ = '\0';
+    at_ = begin_;
     failed_ = false;
 }
 
-void LineSink::put(const char *token) {
-    const size_t length = strlen(token);
-    if (used_ + length >= size_) {
-        const size_t wanted = 2 * (used_ + length) + 1;
-        auto *grown = static_cast<char *>(sys_mem_malloc(wanted));
-        if (!grown) {
-            failed_ = true;
-            return;
-        }
-        memcpy(grown, line_, used_);
-        if (line_ != small_)
-            sys_mem_free(line_);
-        line_ = grown;
-        size_ = wanted;
+void LineSink::grow(std::string_view token) {
+    const size_t had = used();
+    const size_t wanted = 2 * (had + token.size());
+    auto *grown = static_cast<char *>(sys_mem_malloc(wanted + 1));
+    if (!grown) {
+        failed_ = true;
+        return;
     }
-    memcpy(line_ + used_, token, length + 1);
-    used_ += length;
+    memcpy(grown, begin_, had);
+    if (begin_ != small_)
+        sys_mem_free(begin_);
+    use(grown, wanted);
+    at_ += had;
+    text(token);
 }
 
 void write_space(Sink &sink, int space) {
@@ -174,9 +214,15 @@ const char *protocol_word(uint16_t protocol, bool traced_only) {
 namespace {
 
 // A word of a table behind its blank.
-void write_word(Sink &sink, const char *word) {
+void write_word(Sink &sink, std::string_view word) {
     sink.text(" ");
     sink.text(word);
+}
+
+// A number behind its blank.
+void write_number(Sink &sink, int number) {
+    sink.text(" ");
+    sink.number(number);
 }
 
 void write_action(Sink &sink, const Style::Actions &actions, uint16_t flags, int &index,
@@ -188,7 +234,7 @@ void write_action(Sink &sink, const Style::Actions &actions, uint16_t flags, int
     if (!*action)
         return;
     write_space(sink, space);
-    sink.format(action, index);
+    sink.numbered(action, index);
     index++;
 }
 
@@ -247,7 +293,7 @@ void write_port(Sink &sink, uint16_t protocol, uint16_t port) {
     if (const char *word = port_word(protocol, port))
         write_word(sink, word);
     else
-        sink.format(" %d", port);
+        write_number(sink, port);
 }
 
 void write_ports(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
@@ -259,7 +305,8 @@ void write_ports(Sink &sink, const Style &style, const ipacl_extended_rule &rule
         write_word(sink, side.portrange_word);
         if (!side.is_src)
             sink.text(style.dst_portrange_gap);
-        sink.format(" %d %d", rule.*side.begin_port, rule.*side.end_port);
+        write_number(sink, rule.*side.begin_port);
+        write_number(sink, rule.*side.end_port);
         return;
     }
     write_operator(sink, bits, true);
@@ -302,7 +349,7 @@ void write_option(Sink &sink, const ipacl_extended_rule &rule, const acl_words::
     switch (option.shape) {
     case acl_words::Option::kNumber:
         write_word(sink, option.word);
-        sink.format(" %d", rule.*option.byte);
+        write_number(sink, rule.*option.byte);
         break;
     case acl_words::Option::kChoice:
         write_word(sink, rule.*option.byte & option.bit ? option.word : option.other);
@@ -310,7 +357,7 @@ void write_option(Sink &sink, const ipacl_extended_rule &rule, const acl_words::
     case acl_words::Option::kCompare:
         write_word(sink, option.word);
         write_operator(sink, rule.*option.op, false);
-        sink.format(" %d", rule.*option.value);
+        write_number(sink, rule.*option.value);
         break;
     }
 }
@@ -345,11 +392,11 @@ void write_rule(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
     if (const char *word = protocol_word(rule.protcol, !style.all_protocol_words))
         write_word(sink, word);
     else
-        sink.format(" %d", rule.protcol);
+        write_number(sink, rule.protcol);
     write_side(sink, style, rule, acl_words::kSource);
     write_side(sink, style, rule, acl_words::kDestination);
     if (rule.dst_port_flags != IPACL_OP_RANGE && acl_words::shows_message_type(rule))
-        sink.format(" %d", rule.src_port);
+        write_number(sink, rule.src_port);
     for (Extra extra : style.extras)
         write_extra(sink, style, rule, extra);
     if (rule.flags & IPACL_FLAG_TIME_RANGE) {

@@ -8,28 +8,58 @@
 #include "ipacl.h"
 
 #include <cstddef>
+#include <cstring>
+#include <string_view>
 
 namespace acl_text {
 
-// Takes pieces of text in order.
+// An address in dotted form at `to`, which has room for it; no NUL. Returns its end.
+char *write_dotted(char *to, in_addr address);
+
+// Gathers pieces of text in order. What happens when the room for them ends is a sink's own.
 class Sink {
   public:
-    void text(const char *token) { puts_(*this, token); }
+    void text(std::string_view token) {
+        if (token.size() > static_cast<size_t>(end_ - at_))
+            return spill_(*this, token);
+        memcpy(at_, token.data(), token.size());
+        at_ += token.size();
+    }
+    void number(int value);
+    // A text in which "%5d", if it is there, stands for the number.
+    void numbered(std::string_view text, int value);
     void format(const char *fmt, ...) __attribute__((format(printf, 2, 3))); // short tokens only
     void address(in_addr address);
 
   protected:
-    using Puts = void (*)(Sink &, const char *);
-    explicit Sink(Puts puts) : puts_(puts) {}
+    // Takes a token for which there is no room.
+    using Spill = void (*)(Sink &, std::string_view);
+    Sink(Spill spill, char *room, size_t size) : spill_(spill) { use(room, size); }
+    Sink(const Sink &) = delete;
+    Sink &operator=(const Sink &) = delete;
+
+    void use(char *room, size_t size) {
+        begin_ = at_ = room;
+        end_ = room + size;
+    }
+    size_t used() const { return static_cast<size_t>(at_ - begin_); }
+
+    char *begin_, *at_, *end_;
 
   private:
-    Puts puts_;
+    Spill spill_;
 };
 
-// The terminal, piece by piece.
+// The terminal. Text arrives there when there is much of it, and at the end of the block.
 class TerminalSink : public Sink {
   public:
     TerminalSink();
+    ~TerminalSink() { flush(); }
+
+  private:
+    void flush();
+
+    char text_[1024];
 };
 
 // A line in memory that grows. `failed` tells that memory was short and the line is not whole.
@@ -37,25 +67,23 @@ class LineSink : public Sink {
   public:
     LineSink();
     ~LineSink();
-    LineSink(const LineSink &) = delete;
-    LineSink &operator=(const LineSink &) = delete;
 
-    const char *line() const { return line_; }
-    size_t length() const { return used_; }
+    const char *line() const {
+        *at_ = '\0'; // there is always room for it
+        return begin_;
+    }
+    size_t length() const { return used(); }
     bool failed() const { return failed_; }
     void clear();
 
   private:
-    void put(const char *token);
+    void grow(std::string_view token);
 
     char small_[256];
-    char *line_ = small_;
-    size_t used_ = 0;
-    size_t size_ = sizeof small_;
     bool failed_ = false;
 };
 
-// How one renderer writes a rule. Action words are printf formats that may take the rule's index.
+// How one renderer writes a rule. In action words "%5d" stands for the rule's index.
 struct Style {
     struct Actions {
         const char *permit;

@@ -29,23 +29,20 @@ void write_trace(acl_text::Sink &sink, const void *rule, bool is_standard) {
 // The caller's buffer, filled from its start.
 class BufferSink : public acl_text::Sink {
   public:
-    explicit BufferSink(char *buffer)
-        : Sink([](Sink &self, const char *token) { static_cast<BufferSink &>(self).put(token); }),
-          buffer_(buffer) {
-        *buffer_ = '\0';
+    explicit BufferSink(char *buffer) : Sink(fill, buffer, IPACL_TRACE_RULE_SIZE - 1) {}
+
+    // Ends the text and returns its length.
+    int end() {
+        *at_ = '\0';
+        return static_cast<int>(used());
     }
-    int length() const { return static_cast<int>(used_); }
 
   private:
-    void put(const char *token) {
-        const size_t length = strnlen(token, IPACL_TRACE_RULE_SIZE - 1 - used_);
-        memcpy(buffer_ + used_, token, length);
-        used_ += length;
-        buffer_[used_] = '\0';
+    // What there is room for of a token that doesn't fit.
+    static void fill(Sink &self, std::string_view token) {
+        auto &buffer = static_cast<BufferSink &>(self);
+        buffer.text(token.substr(0, static_cast<size_t>(buffer.end_ - buffer.at_)));
     }
-
-    char *buffer_;
-    size_t used_ = 0;
 };
 
 void dump_rules(const ipacl &list) {
@@ -114,7 +111,7 @@ constexpr const char *kUnit = "    ";
 int ipacl_trace_rule_to_buf(char *trace_buf, const void *rule, int is_standard) {
     BufferSink sink(trace_buf);
     write_trace(sink, rule, is_standard == 1);
-    return sink.length();
+    return sink.end();
 }
 
 void trace_print_rule(const ipacl *ipacl, int) {
