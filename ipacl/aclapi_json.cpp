@@ -30,7 +30,8 @@ class Value {
         return *this;
     }
     Value &add(in_addr address) {
-        inet_ntop(AF_INET, &address, end(), static_cast<socklen_t>(room()));
+        if (room() >= INET_ADDRSTRLEN)
+            *acl_text::write_dotted(end(), address) = '\0';
         return *this;
     }
 
@@ -49,21 +50,29 @@ cJSON *add_item(cJSON *array, cJSON *item) {
     return nullptr;
 }
 
+// Adds a text that is copied. Keys are never copied: they are words of tables.
 void add_text(cJSON *object, const char *key, const char *text) {
-    cJSON *item = cJSON_CreateString(text);
-    if (!cJSON_AddItemToObject(object, key, item))
+    cJSON *item = *text ? cJSON_CreateString(text) : cJSON_CreateStringReference("");
+    if (!cJSON_AddItemToObjectCS(object, key, item))
+        cJSON_Delete(item);
+}
+
+// Adds a word that outlives the object.
+void add_word(cJSON *object, const char *key, const char *word) {
+    cJSON *item = cJSON_CreateStringReference(word);
+    if (!cJSON_AddItemToObjectCS(object, key, item))
         cJSON_Delete(item);
 }
 
 void add_flag(cJSON *object, const char *key, bool set, const char *word) {
-    add_text(object, key, set ? word : "");
+    add_word(object, key, set ? word : "");
 }
 
 void add_authority(cJSON *object, uint16_t flags) {
     if (flags & IPACL_FLAG_PERMIT)
-        add_text(object, "Authority", "permit");
+        add_word(object, "Authority", "permit");
     else if (flags & IPACL_FLAG_DENY)
-        add_text(object, "Authority", "deny");
+        add_word(object, "Authority", "deny");
 }
 
 template <class Rule>
@@ -85,7 +94,7 @@ void add_rule(cJSON *object, const ipacl_standard_rule &rule) {
         address.add(rule.srcaddr);
         mask.add(rule.srcmsk); // kept: as stored, whatever the reverse-mask bit
     }
-    add_text(object, "SrcIpType", !by_mask ? "src-range" : any ? "any" : "reverse-mask");
+    add_word(object, "SrcIpType", !by_mask ? "src-range" : any ? "any" : "reverse-mask");
     add_text(object, "SrcIp", address.text());
     add_text(object, "SrcIpMask", mask.text());
     add_text(object, "Src-range", range.text());
@@ -159,7 +168,7 @@ Value option_of(const ipacl_extended_rule &rule, const acl_words::Option &option
 
 void add_rule(cJSON *object, const ipacl_extended_rule &rule) {
     add_authority(object, rule.flags);
-    add_text(object, "MaskType", rule.flags & IPACL_FLAG_REVERSE_MASK ? "mask" : "remask");
+    add_word(object, "MaskType", rule.flags & IPACL_FLAG_REVERSE_MASK ? "mask" : "remask");
     if (rule.flags & IPACL_FLAG_REMARK)
         return;
     const char *protocol = acl_text::protocol_word(rule.protcol, false);
@@ -169,7 +178,7 @@ void add_rule(cJSON *object, const ipacl_extended_rule &rule) {
         add_text(object, side->json_address, address_of(rule, *side).text());
         add_text(object, side->json_port, ports_of(rule, *side).text());
     }
-    add_text(object, "TimeRange", ""); // kept: the name is not shown here
+    add_word(object, "TimeRange", ""); // kept: the name is not shown here
     for (const auto &option : acl_words::kOptions)
         add_text(object, option.json, option_of(rule, option).text());
     add_flag(object, "RecordLog", rule.flags & IPACL_FLAG_LOG, "log");
