@@ -21,8 +21,8 @@ struct StandardKind {
     static Rule *head(const ipacl &list) { return list.ipacl_s; }
     static bool equal(const Rule &rule, const Rule &target);
     static bool equal_active(const Rule &rule, const Rule &target) {
-        return rule.status == IPACL_RULE_ACTIVE && target.status == IPACL_RULE_ACTIVE &&
-               equal(rule, target);
+        return equal(rule, target) && rule.status == IPACL_RULE_ACTIVE &&
+               target.status == IPACL_RULE_ACTIVE;
     }
     static Rule *find(const ipacl &list, const Rule &target) {
         return find_acls_rule(&list, &target);
@@ -39,9 +39,12 @@ struct ExtendedKind {
     static bool owns(const ipacl &list) { return list.is_standard != 1; }
     static Rule *&head(ipacl &list) { return list.ipacl_e; }
     static Rule *head(const ipacl &list) { return list.ipacl_e; }
-    static bool equal(const Rule &rule, const Rule &target) { return acle_cmp(&rule, &target); }
+    static bool equal(const Rule &rule, const Rule &target) {
+        // In the source address most rules of a list differ.
+        return rule.srcaddr.s_addr == target.srcaddr.s_addr && acle_cmp(&rule, &target);
+    }
     static bool equal_active(const Rule &rule, const Rule &target) {
-        return rule.status == IPACL_RULE_ACTIVE && equal(rule, target);
+        return equal(rule, target) && rule.status == IPACL_RULE_ACTIVE;
     }
     static Rule *find(const ipacl &list, const Rule &target) {
         return find_acle_rule(&list, &target);

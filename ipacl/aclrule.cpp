@@ -71,7 +71,7 @@ bool same_conditions(const ipacl_extended_rule &a, const ipacl_extended_rule &b)
 }
 
 bool StandardKind::equal(const Rule &rule, const Rule &target) {
-    return rule.flags == target.flags && same_address(rule, target, acl_words::kStandardSource);
+    return same_address(rule, target, acl_words::kStandardSource) && rule.flags == target.flags;
 }
 
 namespace {
