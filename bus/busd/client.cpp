@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <iterator>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace busd {
@@ -22,33 +25,48 @@ T read_be(const char *bytes) {
     return value;
 }
 
-template <class T>
-void append_be(std::string &bytes, T value) {
-    for (size_t i = sizeof(T); i-- > 0;)
-        bytes.push_back(static_cast<char>(value >> (8 * i) & 0xFF));
+using Word = char[4];
+
+// A number as it goes out.
+std::string_view put_be(Word &to, uint32_t value) {
+    value = cpu_to_be32(value);
+    memcpy(to, &value, sizeof to);
+    return {to, sizeof to};
 }
 
 } // namespace
 
+// Starts an attribute whose content will be `size` bytes.
+void Body::open(unsigned id, size_t size) {
+    Word word;
+    bytes_.append(put_be(word, static_cast<uint32_t>(id << BLOB_ATTR_ID_SHIFT | (size + 4))));
+}
+
+void Body::pad() { bytes_.append((4 - bytes_.size() % 4) % 4, '\0'); }
+
 Body &Body::put(unsigned id, std::string_view bytes) {
-    append_be(bytes_, static_cast<uint32_t>(id << BLOB_ATTR_ID_SHIFT | (bytes.size() + 4)));
+    open(id, bytes.size());
     bytes_.append(bytes);
-    bytes_.append((4 - bytes.size() % 4) % 4, '\0');
+    pad();
     return *this;
 }
 
 Body &Body::put(unsigned id, uint32_t value) {
-    std::string bytes;
-    append_be(bytes, value);
-    return put(id, bytes);
+    Word word;
+    return put(id, put_be(word, value));
 }
 
 Body &Body::put_text(unsigned id, std::string_view text) {
-    return put(id, std::string(text) + '\0');
+    open(id, text.size() + 1);
+    bytes_.append(text);
+    bytes_.push_back('\0');
+    pad();
+    return *this;
 }
 
 Body &Body::put_flag(unsigned id, uint8_t value) {
-    return put(id, std::string(1, static_cast<char>(value)));
+    const char byte = static_cast<char>(value);
+    return put(id, std::string_view(&byte, 1));
 }
 
 Client::~Client() { close(fd); }
@@ -56,25 +74,29 @@ Client::~Client() { close(fd); }
 void Client::send(const Message &message) {
     if (gone)
         return;
-    std::string bytes;
-    bytes.reserve(kHeader + message.body.size());
-    bytes.push_back('\0');
-    bytes.push_back(static_cast<char>(message.type));
-    append_be(bytes, message.seq);
-    append_be(bytes, message.peer);
-    append_be(bytes, static_cast<uint32_t>(message.body.size() + 4));
-    bytes.append(message.body);
-    if (!queue_.empty()) {
-        if (queue_.size() + bytes.size() <= kMaxQueue)
-            queue_.append(bytes);
+    ubus_msghdr header{0, message.type, cpu_to_be16(message.seq), cpu_to_be32(message.peer)};
+    Word root;
+    put_be(root, static_cast<uint32_t>(message.body.size() + sizeof root));
+    iovec parts[] = {{&header, sizeof header},
+                     {root, sizeof root},
+                     {const_cast<char *>(message.body.data()), message.body.size()}};
+    size_t done = 0; // bytes that are out
+    if (queue_.empty()) {
+        msghdr all{};
+        all.msg_iov = parts;
+        all.msg_iovlen = std::size(parts);
+        const ssize_t sent = sendmsg(fd, &all, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno != EAGAIN && errno != EINTR)
+            return; // the end of the connection is seen when it is read
+        done = sent < 0 ? 0 : static_cast<size_t>(sent);
+    } else if (queue_.size() + kHeader + message.body.size() > kMaxQueue) {
         return;
     }
-    const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR)
-        return; // the end of the connection is seen when it is read
-    const size_t done = sent < 0 ? 0 : static_cast<size_t>(sent);
-    if (done < bytes.size())
-        queue_.assign(bytes, done);
+    for (const auto &part : parts) {
+        const size_t skipped = std::min(done, part.iov_len);
+        queue_.append(static_cast<const char *>(part.iov_base) + skipped, part.iov_len - skipped);
+        done -= skipped;
+    }
 }
 
 bool Client::flush() {
@@ -89,21 +111,16 @@ bool Client::flush() {
 }
 
 Read Client::receive() {
+    static char chunk[kChunk]; // for all clients, so that none has to be kept clean
     inbox_.erase(0, handled_);
     handled_ = 0;
-    const size_t had = inbox_.size();
-    size_t room = kChunk;
-    if (had >= kHeader) {
-        const size_t whole = 8 + (read_be<uint32_t>(inbox_.data() + 8) & BLOB_ATTR_LEN_MASK);
-        room = std::max(room, whole - std::min(whole, had));
-    }
-    inbox_.resize(had + room);
-    const ssize_t got = recv(fd, inbox_.data() + had, room, MSG_DONTWAIT);
-    inbox_.resize(had + (got > 0 ? static_cast<size_t>(got) : 0));
     if (inbox_.empty() && inbox_.capacity() > 2 * kChunk)
         inbox_.shrink_to_fit();
-    if (got > 0)
+    const ssize_t got = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+    if (got > 0) {
+        inbox_.append(chunk, static_cast<size_t>(got));
         return Read::kAlive;
+    }
     return got < 0 && (errno == EAGAIN || errno == EINTR) ? Read::kIdle : Read::kGone;
 }
 

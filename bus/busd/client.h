@@ -19,6 +19,9 @@ class Body {
     const std::string &bytes() const { return bytes_; }
 
   private:
+    void open(unsigned id, size_t size);
+    void pad();
+
     std::string bytes_;
 };
 
