@@ -3,20 +3,28 @@
 
 #include "bus_rows.h"
 
-#include "platform/linux/notify.h"
+#include <algorithm>
+#include <string_view>
 
-#include <cstring>
-#include <unistd.h>
+namespace {
 
+struct Group {
+    const char *name;
+    void (*print)(const Programs &);
+};
+
+constexpr Group kGroups[] = {{"requests", print_request_rows},
+                             {"start", print_start_row},
+                             {"memory", print_memory_rows},
+                             {"load", print_load_rows}};
+
+} // namespace
+
+// Without arguments all rows, else those of the groups named.
 int main(int argc, char **argv) {
-    if (argc == 2 && strcmp(argv[1], "--ready") == 0) {
-        notify::send("READY=1");
-        return pause();
-    }
     const Programs programs = programs_beside(argv[0]);
-    print_request_rows(programs);
-    print_start_row(programs);
-    print_memory_rows(programs);
-    print_load_rows(programs);
+    for (const Group &group : kGroups)
+        if (argc == 1 || std::count(argv + 1, argv + argc, std::string_view(group.name)) > 0)
+            group.print(programs);
     return 0;
 }

@@ -149,8 +149,8 @@ struct Loader {
     double worth_more; // seconds that a load may take for all rounds to be made, else one is
 };
 
-constexpr Loader kOurs{"ipaclctl load", load_ours, 50000, 60};
-constexpr Loader kOthers[] = {{"nftables", load_nftables, 50000, 60},
+constexpr Loader kOurs{"ipaclctl load", load_ours, 50000, 10};
+constexpr Loader kOthers[] = {{"nftables", load_nftables, 50000, 10},
                               {"FRRouting", load_frr, 10000, 5}};
 
 // Median of the rounds of one loader, and what stopped it.

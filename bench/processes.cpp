@@ -68,7 +68,7 @@ Folder::~Folder() { std::filesystem::remove_all(path); }
 
 Programs programs_beside(const char *self) {
     const auto folder = std::filesystem::path(self).parent_path();
-    return {folder / "ipacl-busd", folder / "ipacl", folder / "ipaclctl", self};
+    return {folder / "ipacl-busd", folder / "ipacl", folder / "ipaclctl", folder / "bench_ready"};
 }
 
 double until_ready(const std::vector<std::string> &command, Process &process) {

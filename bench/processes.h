@@ -49,7 +49,7 @@ struct Folder {
 
 // The programs of this build; they find each other through the environment.
 struct Programs {
-    std::string busd, daemon, ipaclctl, self;
+    std::string busd, daemon, ipaclctl, ready;
 };
 Programs programs_beside(const char *self);
 

@@ -122,7 +122,7 @@ void print_start_row(const Programs &programs) {
     std::vector<double> ours, floor;
     for (int round = 0; round < 3 * kRounds; round++) {
         Process other;
-        floor.push_back(until_ready({programs.self, "--ready"}, other));
+        floor.push_back(until_ready({programs.ready}, other));
         ours.push_back(system.restart_daemon());
     }
     print_row("start to ready, floor: a process that says so", median(ours), median(floor), 0);
