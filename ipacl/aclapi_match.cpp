@@ -25,9 +25,9 @@ bool in_range(const Rule &rule, const acl_words::Address<Rule> &fields, uint32_t
 
 template <class Rule>
 bool address_matches(const Rule &rule, const acl_words::Address<Rule> &fields, uint32_t ip) {
-    return fields.by_mask(rule)
-               ? ((ip ^ (rule.*fields.addr).s_addr) & (rule.*fields.mask).s_addr) == 0
-               : in_range(rule, fields, ip);
+    if (fields.by_mask(rule)) [[likely]]
+        return ((ip ^ (rule.*fields.addr).s_addr) & (rule.*fields.mask).s_addr) == 0;
+    return in_range(rule, fields, ip);
 }
 
 constexpr bool compared(uint16_t flag) {
@@ -36,7 +36,7 @@ constexpr bool compared(uint16_t flag) {
 
 bool addresses_match(const ipacl_extended_rule &rule, const acl_info &info) {
     // kept: with any other pair of compare flags no address is tested at all.
-    if (!compared(rule.src_compare_flag) || !compared(rule.dst_compare_flag))
+    if (!compared(rule.src_compare_flag) || !compared(rule.dst_compare_flag)) [[unlikely]]
         return true;
     return address_matches(rule, kSource.address, info.src_ip) &&
            address_matches(rule, kDestination.address, info.dst_ip);
@@ -108,9 +108,11 @@ bool rule_matches(const ipacl_extended_rule &rule, const acl_info &info, bool fr
            options_match(rule, info, frag);
 }
 
+// Nearly all rules are active and fail on an address, so the status, which lies far behind in the
+// record, is looked at last.
 template <class Rule, class F>
 const Rule *first_match(const Rule *rule, F &&matches) {
-    while (rule && !(rule->status == IPACL_RULE_ACTIVE && matches(*rule)))
+    while (rule && !(matches(*rule) && rule->status == IPACL_RULE_ACTIVE))
         rule = rule->ipacl_next;
     return rule;
 }
