@@ -283,11 +283,12 @@ bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob
 }
 
 bool receive(ubus_context *ctx, int timeout) {
-    if (has_message(ctx)) { // memory was short for it
-        poll(nullptr, 0, kShortMemoryPause);
+    if (has_message(ctx)) { // it came with the greeting, or memory was short for it
         handle_messages(ctx);
-        if (has_message(ctx))
+        if (has_message(ctx)) {
+            poll(nullptr, 0, kShortMemoryPause);
             return true;
+        }
         timeout = 0;
     }
     if (timeout != 0 && !wait_for(ctx->sock.fd, POLLIN, timeout))

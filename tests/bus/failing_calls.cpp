@@ -67,6 +67,10 @@ ssize_t send(int fd, const void *bytes, size_t size, int flags) {
     return fails(kSend) ? -1 : syscall(SYS_sendto, fd, bytes, size, flags, nullptr, 0);
 }
 
+ssize_t sendmsg(int fd, const msghdr *message, int flags) {
+    return fails(kSend) ? -1 : syscall(SYS_sendmsg, fd, message, flags);
+}
+
 ssize_t recv(int fd, void *bytes, size_t size, int flags) {
     return fails(kRecv) ? -1 : syscall(SYS_recvfrom, fd, bytes, size, flags, nullptr, nullptr);
 }
