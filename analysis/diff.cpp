@@ -117,7 +117,7 @@ class Comparison {
 
     // A packet that is decided differently, found by trying.
     std::optional<Packet> try_packets() const {
-        Random random(1);
+        Random random(1); // NOLINT: the same packets every time
         for (const Rule &rule : suspects_)
             for (int n = 0; n < kTries; n++)
                 if (const Packet packet = sample(rule, random); differs(packet))
@@ -169,7 +169,7 @@ class Comparison {
     void tell_some(size_t enough, std::vector<Change> &changes) const {
         const Within within = [&](const Set &scope) { return changed_in(scope); };
         Set covered;
-        Random random(1);
+        Random random(1); // NOLINT: the same packets every time
         for (int n = 0; n < kTries; n++)
             for (const Rule &rule : suspects_) {
                 if (changes.size() == enough)

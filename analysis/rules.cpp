@@ -58,7 +58,9 @@ FieldInfo tos_field(const char *name) {
             {0}};
 }
 
+// NOLINTNEXTLINE: without memory at the start there is no tool
 const FieldInfo kFields[kFieldCount] = {
+
     address_field<&acl_info::src_ip>("src"),
     address_field<&acl_info::dst_ip>("dst"),
     member_field<&acl_info::src_port>("sport", 16, {1024}),

@@ -61,9 +61,9 @@ struct Test {
 };
 
 struct Rule {
-    size_t number;
-    bool active;
-    uint32_t result;
+    size_t number = 0;
+    bool active = false;
+    uint32_t result = 0;
     std::vector<Test> always;
     std::vector<Test> whole; // tested only when the packet is no later fragment
 

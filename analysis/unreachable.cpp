@@ -101,7 +101,7 @@ class Finder {
     std::vector<Rule> rules_;
     Space space_;
     std::vector<std::optional<Set>> sets_;
-    Random random_{1};
+    Random random_{1}; // NOLINT: the same packets every time
 };
 
 } // namespace

@@ -34,7 +34,9 @@ class Sink {
   protected:
     // Takes a token for which there is no room.
     using Spill = void (*)(Sink &, std::string_view);
-    Sink(Spill spill, char *room, size_t size) : spill_(spill) { use(room, size); }
+    Sink(Spill spill, char *room, size_t size)
+        : begin_(room), at_(room), end_(room + size), spill_(spill) {}
+    ~Sink() = default;
     Sink(const Sink &) = delete;
     Sink &operator=(const Sink &) = delete;
 
@@ -55,6 +57,8 @@ class TerminalSink : public Sink {
   public:
     TerminalSink();
     ~TerminalSink() { flush(); }
+    TerminalSink(const TerminalSink &) = delete;
+    TerminalSink &operator=(const TerminalSink &) = delete;
 
   private:
     void flush();
@@ -67,6 +71,8 @@ class LineSink : public Sink {
   public:
     LineSink();
     ~LineSink();
+    LineSink(const LineSink &) = delete;
+    LineSink &operator=(const LineSink &) = delete;
 
     const char *line() const {
         *at_ = '\0'; // there is always room for it

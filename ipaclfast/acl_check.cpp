@@ -35,7 +35,7 @@ void acl_fast_check_many(const acl_fast *form, const acl_info *packets, const ui
 
 uint32_t acl_fast_check(const acl_fast *form, const acl_info *packet, int frag, uint32_t *rule) {
     const uint8_t fragment = frag != 0;
-    acl_fast_answer answer;
+    acl_fast_answer answer{};
     acl_fast_check_many(form, packet, &fragment, 1, &answer);
     if (rule)
         *rule = answer.rule;

@@ -20,7 +20,9 @@ void *Budget::do_allocate(size_t size, size_t alignment) {
         throw std::bad_alloc();
     left_ -= whole;
     const auto begin = reinterpret_cast<uintptr_t>(block) + sizeof(void *);
-    auto *aligned = reinterpret_cast<void **>((begin + alignment - 1) / alignment * alignment);
+    const size_t skipped = (begin + alignment - 1) / alignment * alignment - begin;
+    auto *aligned = static_cast<void **>(
+        static_cast<void *>(static_cast<char *>(block) + sizeof(void *) + skipped));
     aligned[-1] = block;
     return aligned;
 }
@@ -46,7 +48,7 @@ class Interner {
 
     // The number of the record that equals `record`.
     uint32_t number(const T *record) {
-        if (2 * count_ >= slots_.size())
+        if (size_t{2} * count_ >= slots_.size())
             grow();
         uint32_t &slot = find(record);
         if (slot == kFree) {
@@ -214,12 +216,12 @@ void Compiler::number_rules() {
     Vector<uint32_t> order(pages, &form_.budget);
     for (uint32_t page = 0; page < pages; page++) {
         order[page] = page;
-        const auto begin = places.begin() + page * Page::kRules;
-        const auto end = places.begin() + std::min(count, (page + 1) * Page::kRules);
+        Place *const begin = places.data() + size_t{page} * Page::kRules;
+        Place *const end = places.data() + std::min(count, (page + 1) * Page::kRules);
         std::sort(begin, end, [](const Place &a, const Place &b) { return a.rule < b.rule; });
     }
     std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-        return places[a * Page::kRules].rule < places[b * Page::kRules].rule;
+        return places[size_t{a} * Page::kRules].rule < places[size_t{b} * Page::kRules].rule;
     });
 
     numbers_.resize(count);

@@ -15,7 +15,7 @@
 
 namespace aclfast {
 
-namespace {
+namespace { // NOLINT: each source that includes this compiles a walk of its own
 
 // The words of a page: which are used (not 0), as bits, and the first of some of them.
 #if defined(__AVX512F__)

@@ -344,7 +344,7 @@ void add_analysis_commands(CLI::App &app, std::function<std::string()> running,
                            LocalCommand &chosen) {
     const auto a = std::make_shared<Arguments>();
     a->running = std::move(running);
-    const auto add = [&](const char *word, const char *help, LocalCommand command) {
+    const auto add = [&](const char *word, const char *help, const LocalCommand &command) {
         CLI::App *sub = app.add_subcommand(word, help);
         sub->callback([&chosen, command] { chosen = [command] { return answer(command); }; });
         sub->add_option("--file", a->file,

@@ -30,7 +30,7 @@ class Answers {
     }
     ~Answers() {
         log_print_handler = 0;
-        fclose(log_print_fp_1);
+        (void)fclose(log_print_fp_1);
         log_print_fp_1 = nullptr;
         free(text_);
     }
@@ -39,7 +39,7 @@ class Answers {
 
     // In one line.
     std::string take() {
-        fflush(log_print_fp_1);
+        (void)fflush(log_print_fp_1);
         std::string line(text_, size_);
         for (char &c : line)
             c = c == '\n' ? ' ' : c;

@@ -154,7 +154,7 @@ class Player {
             return "a rule needs a list: put \"ip access-list standard|extended NAME\" first";
         if (words[0] == "merge-enable")
             return "merge-enable can't be switched on through the bus";
-        if (const std::string wrong = refused_silently(kind_, line); !wrong.empty())
+        if (std::string wrong = refused_silently(kind_, line); !wrong.empty())
             return wrong;
         service_.send("action", rule_request(name_, kind_, line),
                       [this, number](const Reply &reply) {
