@@ -42,8 +42,7 @@ int64_t now_ms() {
 }
 
 void end_request(ubus_request *req, int status) {
-    if (req->list.next)
-        list_del(&req->list);
+    list_del(&req->list);
     req->status_msg = true;
     req->status_code = status;
     if (req->complete_cb)
