@@ -180,16 +180,15 @@ TEST_F(InThread, IdsThatCanNotBeUsedAreDrawnAgain) {
 TEST_F(InThread, SendingGoesOnAfterAnInterruptionAndTheEndIsSeenByReading) {
     start();
     const int fd = client();
-    failing::arm(failing::kSend, EINTR);
-    EXPECT_TRUE(is_served(fd));
-    failing::arm(failing::kRecv, EINTR);
-    EXPECT_TRUE(is_served(fd));
-    failing::arm(failing::kRecv, EAGAIN);
-    EXPECT_TRUE(is_served(fd));
+    for (failing::Call call : {failing::kSend, failing::kRecv})
+        for (int error : {EINTR, EAGAIN}) {
+            failing::arm(call, error);
+            EXPECT_TRUE(is_served(fd));
+        }
     failing::arm(failing::kSend, EPIPE);
     write_bytes(fd, message(UBUS_MSG_PING, 3));
     EXPECT_EQ(read_message(fd)[1], UBUS_MSG_STATUS) << "the echo is lost";
-    EXPECT_EQ(failing::failed(), 4);
+    EXPECT_EQ(failing::failed(), 5);
     failing::arm(failing::kRecv, ECONNRESET);
     write_bytes(fd, message(UBUS_MSG_PING, 3));
     EXPECT_EQ(read_message(fd), "");

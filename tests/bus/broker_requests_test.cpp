@@ -208,7 +208,7 @@ TEST_F(Requests, AListenerIsAnObjectOfOnesOwn) {
               UBUS_STATUS_PERMISSION_DENIED);
     EXPECT_EQ(add(registration(id, "a")), UBUS_STATUS_OK);
     EXPECT_EQ(call(other, UBUS_SYSTEM_OBJECT_EVENT, "send"), UBUS_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(call(other, UBUS_SYSTEM_OBJECT_EVENT, "send", event("a").substr(0, 12)),
+    EXPECT_EQ(call(other, UBUS_SYSTEM_OBJECT_EVENT, "send", event("a").substr(0, 16)),
               UBUS_STATUS_INVALID_ARGUMENT);
     EXPECT_EQ(call(other, UBUS_SYSTEM_OBJECT_EVENT, "send", event("b")), UBUS_STATUS_OK);
     expect_served(fd);

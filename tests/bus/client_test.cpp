@@ -156,11 +156,12 @@ TEST_F(Client, ALookupTellsObjectsThatAreDescribedWhole) {
             answer(fd, body);
         answer(fd, attribute(UBUS_ATTR_OBJPATH, Bytes("p")) + id + type +
                        attribute(UBUS_ATTR_ACTIVE, 1)); // lengths that can't be
+        answer(fd, attribute(UBUS_ATTR_OBJPATH, Bytes()) + attribute(UBUS_ATTR_UNSPEC, 1) + id);
         answer(fd, from_hex("0300000300000000"));
         answer(fd, from_hex("03000008000000057fffffff"));
     });
     int told = 0;
-    for (size_t i = 0; i < partial.size() + 3; i++)
+    for (size_t i = 0; i < partial.size() + 4; i++)
         EXPECT_EQ(ubus_lookup(
                       ctx, "p",
                       [](ubus_context *, ubus_object_data *, void *n) { ++*static_cast<int *>(n); },

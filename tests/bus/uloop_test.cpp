@@ -200,7 +200,8 @@ TEST_F(Loop, TimersAreOrderedBySecondsAndThenByMicroseconds) {
     };
     uloop_timeout_set(&late, 5000);
     uloop_timeout_set(&soon, 20);
-    uloop_timeout_set(&silent, 0); // without a callback
+    uloop_timeout_set(&silent, -5); // without a callback
+    EXPECT_EQ(uloop_get_next_timeout(), 0) << "overdue";
     never.time.tv_sec = late.time.tv_sec + 10'000'000;
     ASSERT_EQ(uloop_timeout_add(&never), 0);
     uloop_run();

@@ -238,6 +238,15 @@ Ext rule_of(uint16_t key, bool is_a, uint32_t size) {
     return spanning(key >> (8 + shift) & 0xF, key >> shift & 0xF, kLow, kLow + size - 1);
 }
 
+TEST(MergePair, InactiveExtendedRulesStay) {
+    const Ext active = rule_of(0x1111, true, 16);
+    Ext inactive = active;
+    inactive.status = 0;
+    EXPECT_NE(decide(active, active), 0);
+    EXPECT_EQ(decide(inactive, active), 0);
+    EXPECT_EQ(decide(active, inactive), 0);
+}
+
 void expect_row(const FormsRow &row) {
     const auto a = [&](uint32_t size) { return rule_of(row.key, true, size); };
     const auto b = [&](uint32_t size) { return rule_of(row.key, false, size); };

@@ -118,10 +118,12 @@ TEST_F(Netlink, OnceSomethingChangedEveryLaterNodeAnnouncesTheLastListAgain) {
 }
 
 TEST_F(Netlink, AMarkedNodeIsSkipped) {
-    add("vlan10", "");
-    delete_acl_rule_location(ipacl_config_find("web"), nullptr, 1);
-    ASSERT_NE(ipacl_vlanname_list_head, nullptr);
-    EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 0U);
+    for (const auto &[src, dst] : {std::pair{"vlan10", ""}, {"", "vlan10"}}) {
+        add(src, dst);
+        delete_acl_rule_location(ipacl_config_find("web"), nullptr, 1);
+        ASSERT_NE(ipacl_vlanname_list_head, nullptr);
+        EXPECT_EQ(receive(notification(RTM_NEWADDR, 10)), 0U);
+    }
 }
 
 TEST_F(Netlink, AnEmptyIndexReadsTheInterfaceButAnnouncesNothing) {
