@@ -158,7 +158,7 @@ TEST_F(Client, ALookupTellsObjectsThatAreDescribedWhole) {
                        attribute(UBUS_ATTR_ACTIVE, 1)); // lengths that can't be
         answer(fd, attribute(UBUS_ATTR_OBJPATH, Bytes()) + attribute(UBUS_ATTR_UNSPEC, 1) + id);
         answer(fd, from_hex("0300000300000000"));
-        answer(fd, from_hex("03000008000000057fffffff"));
+        answer(fd, from_hex("03000008000000057f000004"));
     });
     int told = 0;
     for (size_t i = 0; i < partial.size() + 4; i++)
