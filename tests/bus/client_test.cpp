@@ -159,9 +159,10 @@ TEST_F(Client, ALookupTellsObjectsThatAreDescribedWhole) {
         answer(fd, attribute(UBUS_ATTR_OBJPATH, Bytes()) + attribute(UBUS_ATTR_UNSPEC, 1) + id);
         answer(fd, from_hex("0300000300000000"));
         answer(fd, from_hex("03000008000000057f000004"));
+        answer(fd, from_hex("03000008000000050500000c"));
     });
     int told = 0;
-    for (size_t i = 0; i < partial.size() + 4; i++)
+    for (size_t i = 0; i < partial.size() + 5; i++)
         EXPECT_EQ(ubus_lookup(
                       ctx, "p",
                       [](ubus_context *, ubus_object_data *, void *n) { ++*static_cast<int *>(n); },
