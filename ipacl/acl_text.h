@@ -63,7 +63,7 @@ class TerminalSink : public Sink {
   private:
     void flush();
 
-    char text_[1024];
+    char text_[1024]; // cppcheck-suppress uninitMemberVarPrivate
 };
 
 // A line in memory that grows. `failed` tells that memory was short and the line is not whole.
