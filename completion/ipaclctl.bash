@@ -20,7 +20,7 @@ _ipaclctl() {
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((++i < COMP_CWORD)) && service=(--socket "${COMP_WORDS[i]}")
             ;;
-        -t | --timeout | --type | --count)
+        -t | --timeout | --type | --count | --file | --against | --limit | --top)
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((i++))
             ;;
@@ -37,19 +37,29 @@ _ipaclctl() {
     fi
 
     case $previous in
-    -s | --socket) files=1 ;;
-    -t | --timeout | --count) return ;;
+    -s | --socket | --file | --against) files=1 ;;
+    -t | --timeout | --count | --limit | --top) return ;;
     --type) choices=$'standard\nextended' ;;
     *)
         case $command:$word in
         :-*) choices=$'--help\n--socket\n--timeout\n--version' ;;
-        :*) choices=$'create\ndestroy\njson\nload\nrule\nrunning-config\nsave\nshow\nwatch' ;;
+        :*)
+            choices=$'create\ndestroy\ndiff\nequal\njson\nload\nmerge\nplan\nrule\nrunning-config'
+            choices+=$'\nsave\nshow\nunreachable\nwatch'
+            ;;
         load:-*) choices=$'--help\n--verbose' ;;
         create:-* | destroy:-* | json:-*) choices=$'--help\n--type' ;;
         watch:-*) choices=$'--count\n--help' ;;
+        unreachable:-* | merge:-*) choices=$'--file\n--help\n--json' ;;
+        equal:-*) choices=$'--against\n--file\n--help\n--json' ;;
+        diff:-*) choices=$'--against\n--file\n--help\n--json\n--limit' ;;
+        plan:-*) choices=$'--file\n--help\n--json\n--top' ;;
         *:-*) choices=--help ;;
         load:* | save:*) ((positions == 0)) && files=1 ;;
-        destroy:* | json:* | rule:* | show:*) ((positions == 0)) && lists=1 ;;
+        destroy:* | json:* | merge:* | plan:* | rule:* | show:* | unreachable:*)
+            ((positions == 0)) && lists=1
+            ;;
+        diff:* | equal:*) ((positions < 2)) && lists=1 ;;
         esac
         ;;
     esac

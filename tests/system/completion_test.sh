@@ -45,7 +45,7 @@ touch 'office.conf' 'branch office.conf'
 
 complete -p ipaclctl | grep -q -- '-F _ipaclctl ipaclctl' || fail "nothing is registered"
 
-offers "create destroy json load rule running-config save show watch" ""
+offers "create destroy diff equal json load merge plan rule running-config save show unreachable watch" ""
 offers "rule running-config" r
 offers "save show" s
 offers "" nonsense
