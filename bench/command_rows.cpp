@@ -55,7 +55,7 @@ void measure(benchmark::State &state, const std::vector<ipacl *> &lists, uint32_
             delete_acl_rule_location(list, nullptr, size + 1);
         state.SetIterationTime(took.count());
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * lists.size()));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(lists.size()));
 }
 
 template <class Kind>

@@ -12,7 +12,7 @@ namespace {
 // An address of its own in 10.0.0.0/8 for every number below 2^23. Any two differ in more than one
 // bit, so that no merger fuses them.
 std::string address(uint32_t i) {
-    const uint32_t host = (i * 2 + std::popcount(i) % 2) & 0xFFFFFF;
+    const uint32_t host = (i * 2 + static_cast<uint32_t>(std::popcount(i)) % 2) & 0xFFFFFF;
     char text[16];
     snprintf(text, sizeof text, "10.%u.%u.%u", host >> 16, host >> 8 & 0xFF, host & 0xFF);
     return text;

@@ -62,7 +62,7 @@ int Table::print(int argc, char **argv) {
     medians.SetOutputStream(&std::cerr);
     benchmark::RunSpecifiedBenchmarks(&medians);
     for (const Row &row : rows_)
-        if (const double floor = medians.ns(row.name + "/floor"))
+        if (const double floor = medians.ns(row.name + "/floor"); floor > 0)
             print_row(row.name, medians.ns(row.name + "/ours") / 1e9, floor / 1e9, row.goal);
     return 0;
 }

@@ -43,6 +43,6 @@ Table::Run repeat(size_t items, F work) {
     return [=](benchmark::State &state) {
         for (auto _ : state)
             work();
-        state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * items));
+        state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(items));
     };
 }

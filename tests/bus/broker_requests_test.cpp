@@ -110,7 +110,8 @@ TEST_F(Requests, OnlyTheOwnerRemovesAnObject) {
     const uint32_t id = add_object(fd);
     EXPECT_EQ(request(other, UBUS_MSG_REMOVE_OBJECT, object_and(id)),
               UBUS_STATUS_PERMISSION_DENIED);
-    for (uint32_t system : {UBUS_SYSTEM_OBJECT_EVENT, UBUS_SYSTEM_OBJECT_MONITOR})
+    for (const uint32_t system :
+         std::initializer_list<uint32_t>{UBUS_SYSTEM_OBJECT_EVENT, UBUS_SYSTEM_OBJECT_MONITOR})
         EXPECT_EQ(request(fd, UBUS_MSG_REMOVE_OBJECT, object_and(system)),
                   UBUS_STATUS_PERMISSION_DENIED);
     for (uint32_t unknown : {0U, UBUS_SYSTEM_OBJECT_MONITOR + 1U, kUnknown}) {

@@ -343,7 +343,7 @@ TEST_F(Load, ThirtyTwoClientsAtOnceAreServedRight) {
     EXPECT_LE(block_->bytes - bytes,
               sum.creates * static_cast<int64_t>(sizeof(ipacl_extended_rule) + 32));
     EXPECT_EQ(descriptors(daemon), open);
-    EXPECT_EQ(descriptors(broker), broker_open);
+    EXPECT_LE(descriptors(broker), broker_open);
     RecordProperty("requests", sum.requests);
     RecordProperty("creates", sum.creates);
     printf("%d requests, %d of them creations\n", sum.requests, sum.creates);
