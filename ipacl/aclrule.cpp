@@ -117,15 +117,15 @@ uint32_t insert(ipacl &list, typename Kind::Rule &rule, uint32_t location, bool 
     const bool search = check_exist && !(rule.flags & IPACL_FLAG_REMARK);
     auto **place = &Kind::head(list);
     const bool at_end = location == 0 || !*place;
+    const uint32_t wanted = location == 0 ? UINT32_MAX : location;
     uint32_t before = 0; // rules in front of the place
     uint32_t at = 1;
-    for (auto *other = *place; other && (search || at < location || location == 0);
-         other = other->ipacl_next, at++) {
+    for (auto *other = *place; other && (search || at < wanted); other = other->ipacl_next, at++) {
         if (search && Kind::equal_active(*other, rule)) {
             vty_output("The rule has existed in the access list.\n");
             return 0;
         }
-        if (location == 0 || at < location) {
+        if (at < wanted) {
             place = &other->ipacl_next;
             before = at;
         }

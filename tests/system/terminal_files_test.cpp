@@ -108,15 +108,28 @@ TEST_F(TerminalFiles, ADirectoryThatOthersMayWriteIsNotUsed) {
     EXPECT_EQ(running(), whole);
 }
 
+// A rule that the service refuses on its standard output; the tool would not send it.
+void send_turned_range(Client &client) {
+    blobmsg_add_string(&client.message, "name", "web");
+    blobmsg_add_u8(&client.message, "action", 1);
+    blobmsg_add_u8(&client.message, "moudle", 0);
+    blobmsg_add_u8(&client.message, "type", 1);
+    blobmsg_add_string(&client.message, "rule", "permit src-range 10.0.0.9 10.0.0.1");
+    client.call("action");
+}
+
 TEST_F(TerminalFiles, AFullStandardOutputDoesNoHarm) {
+    Client before(socket_path);
+    send_turned_range(before);
+    ASSERT_NE(read_file("daemon.out"), "");
     end_daemon(SIGTERM);
     std::filesystem::remove(directory + "/daemon.out");
     ASSERT_EQ(symlink("/dev/full", (directory + "/daemon.out").c_str()), 0);
     start_daemon();
     ASSERT_EQ(ctl({"load", "-"}, many_rules()).status, 0);
-    // Each of these says something there.
+    Client client(socket_path);
     for (int i = 0; i < 100; i++)
-        ctl({"rule", "web", "permit src-range 10.0.0.9 10.0.0.1"});
+        send_turned_range(client);
     EXPECT_EQ(running(), whole);
 }
 

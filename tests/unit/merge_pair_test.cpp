@@ -11,21 +11,23 @@ namespace {
 using Std = ipacl_standard_rule;
 using Ext = ipacl_extended_rule;
 
-Std block(const char *address, const char *mask) {
+Std permit(uint16_t form) {
     Std rule{};
     rule.flags = IPACL_FLAG_PERMIT;
     rule.status = IPACL_RULE_ACTIVE;
-    rule.compare_flag = IPACL_COMPARE_MASK;
+    rule.compare_flag = form;
+    return rule;
+}
+
+Std block(const char *address, const char *mask) {
+    Std rule = permit(IPACL_COMPARE_MASK);
     rule.srcaddr = ip(address);
     rule.srcmsk = ip(mask);
     return rule;
 }
 
 Std range(const char *begin, const char *end) {
-    Std rule{};
-    rule.flags = IPACL_FLAG_PERMIT;
-    rule.status = IPACL_RULE_ACTIVE;
-    rule.compare_flag = IPACL_COMPARE_RANGE;
+    Std rule = permit(IPACL_COMPARE_RANGE);
     rule.src_begin_addr = ip(begin);
     rule.src_end_addr = ip(end);
     return rule;
