@@ -7,6 +7,7 @@
 #include "platform/vty.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -94,14 +95,36 @@ const Style kDump{
     .line_end = "",
 };
 
-char *write_dotted(char *to, in_addr address) {
-    const auto *octets = reinterpret_cast<const uint8_t *>(&address);
-    for (size_t i = 0; i < sizeof address; i++) {
-        to = std::to_chars(to, to + 3, octets[i]).ptr;
-        if (i + 1 < sizeof address)
-            *to++ = '.';
+namespace {
+
+// An octet as it is written in an address, with the dot behind it.
+struct Octet {
+    char text[4];
+    uint8_t length;
+};
+
+constexpr auto kOctets = [] {
+    std::array<Octet, 256> octets{};
+    for (int value = 0; value < 256; value++) {
+        auto &[text, length] = octets[static_cast<size_t>(value)];
+        for (int unit : {100, 10, 1})
+            if (value >= unit || unit == 1)
+                text[length++] = static_cast<char>('0' + value / unit % 10);
+        text[length++] = '.';
     }
-    return to;
+    return octets;
+}();
+
+} // namespace
+
+char *write_dotted(char *to, in_addr address) {
+    uint8_t octets[sizeof address];
+    memcpy(octets, &address, sizeof octets);
+    for (const uint8_t octet : octets) {
+        memcpy(to, kOctets[octet].text, sizeof kOctets[octet].text);
+        to += kOctets[octet].length;
+    }
+    return to - 1; // without the last dot
 }
 
 void Sink::number(int value) {
@@ -133,6 +156,10 @@ void Sink::format(const char *fmt, ...) {
 }
 
 void Sink::address(in_addr address) {
+    if (end_ - at_ >= INET_ADDRSTRLEN) {
+        at_ = write_dotted(at_, address);
+        return;
+    }
     char dotted[INET_ADDRSTRLEN];
     text({dotted, write_dotted(dotted, address)});
 }
@@ -362,6 +389,19 @@ void write_option(Sink &sink, const ipacl_extended_rule &rule, const acl_words::
     }
 }
 
+void write_options(Sink &sink, const ipacl_extended_rule &rule) {
+    constexpr uint16_t kAny = [] {
+        uint16_t flags = 0;
+        for (const auto &option : acl_words::kOptions)
+            flags = static_cast<uint16_t>(flags | option.flag);
+        return flags;
+    }();
+    if (!(rule.flags & kAny)) // most rules have none
+        return;
+    for (const auto &option : acl_words::kOptions)
+        write_option(sink, rule, option);
+}
+
 } // namespace
 
 void write_rule(Sink &sink, const Style &style, const ipacl_standard_rule &rule, int &index,
@@ -403,8 +443,7 @@ void write_rule(Sink &sink, const Style &style, const ipacl_extended_rule &rule,
         write_word(sink, acl_words::kTimeRange);
         write_word(sink, rule.time_range);
     }
-    for (const auto &option : acl_words::kOptions)
-        write_option(sink, rule, option);
+    write_options(sink, rule);
     if (rule.flags & IPACL_FLAG_LOG)
         sink.text(" log");
     sink.text(style.line_end);

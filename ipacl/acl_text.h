@@ -13,7 +13,8 @@
 
 namespace acl_text {
 
-// An address in dotted form at `to`, which has room for it; no NUL. Returns its end.
+// Writes an address in dotted form at `to`, where INET_ADDRSTRLEN bytes may be written; without a
+// NUL. Returns its end.
 char *write_dotted(char *to, in_addr address);
 
 // Gathers pieces of text in order. What happens when the room for them ends is a sink's own.
