@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -26,14 +27,37 @@ std::string extended_command(uint32_t i) {
     return "permit tcp " + address(i) + " 255.255.255.255 192.0.2.0 255.255.255.0 eq www";
 }
 
-ipacl &list_of(const char *name, bool is_standard, uint32_t count) {
+namespace {
+
+ipacl &registered(const char *name, bool is_standard) {
     ipacl *list = get_ipacl_byname(name, is_standard);
     if (!list)
         abort();
-    for (uint32_t i = list->rule_count; i < count; i++)
-        if (is_standard)
-            do_standard_end(name, standard_command(i).c_str());
-        else
-            do_extended_end(name, extended_command(i).c_str());
     return *list;
+}
+
+// Takes the only rule of a list out and puts it in front of another one's.
+template <class Rule>
+void move_rule(Rule *&from, Rule *&to) {
+    from->ipacl_next = to;
+    to = std::exchange(from, nullptr);
+}
+
+} // namespace
+
+// Each rule is made in a list of its own, so that no command has to look through the others.
+ipacl &list_of(const char *name, bool is_standard, uint32_t count) {
+    const char *one = is_standard ? "one-s" : "one-e";
+    ipacl &list = registered(name, is_standard), &scratch = registered(one, is_standard);
+    for (uint32_t i = count; list.rule_count < count; list.rule_count++) {
+        i--;
+        if (is_standard) {
+            do_standard_end(one, standard_command(i).c_str());
+            move_rule(scratch.ipacl_s, list.ipacl_s);
+        } else {
+            do_extended_end(one, extended_command(i).c_str());
+            move_rule(scratch.ipacl_e, list.ipacl_e);
+        }
+    }
+    return list;
 }

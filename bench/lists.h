@@ -10,5 +10,5 @@
 std::string standard_command(uint32_t i);
 std::string extended_command(uint32_t i);
 
-// A ready list of the registry with `count` rules, put in by command. Made once for each name.
+// A ready list of the registry with `count` rules, made by command. Made once for each name.
 ipacl &list_of(const char *name, bool is_standard, uint32_t count);

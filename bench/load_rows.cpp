@@ -216,7 +216,7 @@ void print_memory(const Programs &programs, const std::string &kind, F command, 
          file_of(folder, kRules, "ip access-list " + kind + " web\n", command, "!\n")});
     const double each = static_cast<double>(resident(system.daemon()) - before) / kRules;
     const auto floor = static_cast<double>(record + sizeof(size_t));
-    printf("%-56s %8.0f B %8.0f B %7.2f\n",
+    printf("%-56s %8.0f B %8.0f B %7.3g\n",
            ("resident memory a rule, " + kind + ", floor: record").c_str(), each, floor,
            each / floor);
 }

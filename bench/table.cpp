@@ -17,7 +17,7 @@ std::string duration(double seconds) {
 }
 
 void print_row(const std::string &name, double ours, double floor, double goal) {
-    printf("%-56s %10s %10s %7.2f", name.c_str(), duration(ours).c_str(), duration(floor).c_str(),
+    printf("%-56s %10s %10s %7.3g", name.c_str(), duration(ours).c_str(), duration(floor).c_str(),
            ours / floor);
     if (goal > 0)
         printf(" %6.2g %s", goal, ours / floor <= goal ? "met" : "missed");
