@@ -80,7 +80,8 @@ Outcome timed(uint32_t count, const Words &command, F arrived) {
     const double took = seconds([&] { done = run(command); });
     const size_t rules = arrived();
     if (rules == 0 || (done && rules != count))
-        return failed(std::to_string(rules) + " of " + std::to_string(count) + " rules arrived");
+        return failed(std::to_string(rules) + " of " + std::to_string(count) +
+                      " rules were seen to arrive");
     return {took / static_cast<double>(rules), "", !done};
 }
 
@@ -124,7 +125,7 @@ Outcome load_frr(const Programs &, uint32_t count) {
         return failed("FRRouting is not installed");
     const Folder folder;
     std::filesystem::permissions(folder.path, std::filesystem::perms::all);
-    const std::string shell = "vtysh --vty_socket " + folder.path;
+    const std::string shell = "timeout 60 vtysh --vty_socket " + folder.path;
     const Process zebra({kZebra, "-u", "frr", "-g", "frr", "--vty_socket", folder.path, "-z",
                          folder.path + "/api", "-i", folder.path + "/pid", "-f", "/dev/null"});
     for (int i = 0; output_of(shell + " -c 'show version' 2>/dev/null").empty(); i++, usleep(50000))

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -34,8 +35,10 @@ namespace {
 
 pid_t start(const std::vector<std::string> &command, const std::string &input) {
     const pid_t pid = fork();
-    if (pid == 0)
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM); // nothing outlives an interrupted run
         become(command, input);
+    }
     return pid;
 }
 
