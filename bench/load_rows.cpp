@@ -68,21 +68,24 @@ size_t occurrences(const std::string &text, const std::string &word) {
 struct Outcome {
     double seconds = 0;
     std::string refused;
-    bool cut = false; // it took too long: `seconds` is that of the rules that were in by then
+    bool cut = false; // it took too long: more than `seconds`
 };
 
 Outcome failed(const std::string &why) { return {0, why, false}; }
 
+constexpr int kCut = 124; // the status of `timeout` when it had to end its command
+
 // Times one load and sees that all rules have arrived.
 template <class F>
 Outcome timed(uint32_t count, const Words &command, F arrived) {
-    bool done = false;
-    const double took = seconds([&] { done = run(command); });
+    int status = 0;
+    const double took = seconds([&] { status = Process(command).wait(); });
+    if (status == kCut)
+        return {took / count, "", true};
     const size_t rules = arrived();
-    if (rules == 0 || (done && rules != count))
-        return failed(std::to_string(rules) + " of " + std::to_string(count) +
-                      " rules were seen to arrive");
-    return {took / static_cast<double>(rules), "", !done};
+    if (rules != count)
+        return failed(std::to_string(rules) + " of " + std::to_string(count) + " rules arrived");
+    return {took / count, "", false};
 }
 
 Outcome load_ours(const Programs &programs, uint32_t count) {
@@ -172,7 +175,7 @@ std::string name_of(uint32_t count, const Loader &other, const Rounds &rounds) {
     std::string name = "load " + std::to_string(count) + ", a rule; beside: ";
     name += other.name;
     if (rounds.last.cut)
-        name += " (cut)";
+        name += " (at least)";
     return name;
 }
 
