@@ -51,6 +51,12 @@ void Process::end() {
     if (pid_ <= 0)
         return;
     kill(pid_, SIGTERM);
+    for (int i = 0; i < 200; i++, usleep(10000))
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+            pid_ = 0;
+            return;
+        }
+    kill(pid_, SIGKILL); // it is too busy to listen
     wait();
 }
 
