@@ -2,6 +2,7 @@
 
 #include "loader.h"
 #include "save.h"
+#include "strict.h"
 
 #include "ipacl/obj_ipacl.h"
 
@@ -33,7 +34,7 @@ Request request_of(ipacl_action_code action) {
 
 } // namespace
 
-int load_file(Service &service, const std::string &file, bool verbose) {
+int load_file(Service &service, const std::string &file, bool verbose, bool force) {
     std::ifstream opened;
     if (file != "-") {
         opened.open(file);
@@ -42,10 +43,14 @@ int load_file(Service &service, const std::string &file, bool verbose) {
     }
     const bool standard_input = file == "-";
     const LoadResult loaded =
-        load(service, standard_input ? std::cin : opened, standard_input ? "stdin" : file);
-    if (verbose)
+        load(service, standard_input ? std::cin : opened, standard_input ? "stdin" : file, force);
+    if (verbose) {
         std::cerr << loaded.lists << " lists, " << loaded.rules << " rules, " << loaded.errors
-                  << " errors\n";
+                  << " errors";
+        if (loaded.warnings)
+            std::cerr << ", " << loaded.warnings << " warnings";
+        std::cerr << '\n';
+    }
     return loaded.errors ? 1 : 0;
 }
 
@@ -58,33 +63,42 @@ int save(Service &service, const std::string &file) {
     return result(replace_file(file, service.text("showrunning", Request())));
 }
 
-int show_lists(Service &service, const std::optional<std::string> &name) {
+std::string listing(Service &service, const std::optional<std::string> &name) {
     if (name) {
         Request request = request_of(IPACL_ACTION_SHOW);
         request.name = *name;
-        const std::string text = service.text("action", request);
-        std::cout << text;
-        return text.empty() ? no_such_list(*name) : 0;
+        return service.text("action", request);
     }
     // The listing of every list that the configuration names, in its order.
     std::istringstream running(service.text("showrunning", Request()));
+    std::string all;
     for (std::string line; std::getline(running, line);)
         if (line.starts_with("ip access-list "))
-            show_lists(service, line.substr(line.rfind(' ') + 1));
-    return 0;
+            all += listing(service, line.substr(line.rfind(' ') + 1));
+    return all;
 }
 
-int show_json(Service &service, const std::optional<std::string> &name, std::optional<Kind> kind) {
+int show_lists(Service &service, const std::optional<std::string> &name) {
+    const std::string text = listing(service, name);
+    std::cout << text;
+    return name && text.empty() ? no_such_list(*name) : 0;
+}
+
+std::string json_text(Service &service, const std::optional<std::string> &name, Kind kind) {
     Request request = request_of(IPACL_ACTION_JSON);
     if (name) {
-        if (!kind)
-            kind = service.kind_of(*name);
-        if (!kind)
-            return no_such_list(*name);
         request.name = *name;
         request.type = kind;
     }
-    std::cout << service.text("action", request);
+    return service.text("action", request);
+}
+
+int show_json(Service &service, const std::optional<std::string> &name, std::optional<Kind> kind) {
+    if (name && !kind)
+        kind = service.kind_of(*name);
+    if (name && !kind)
+        return no_such_list(*name);
+    std::cout << json_text(service, name, kind.value_or(Kind::kExtended));
     return 0;
 }
 
@@ -103,10 +117,15 @@ int destroy(Service &service, const std::string &name, std::optional<Kind> kind)
     return kind ? result(destroy_list(service, name, *kind)) : no_such_list(name);
 }
 
-int rule(Service &service, const std::string &name, const std::string &words) {
+int rule(Service &service, const std::string &name, const std::string &words, bool force) {
     const auto kind = service.kind_of(name);
     if (!kind)
         return no_such_list(name);
+    const Findings findings = check_rule(*kind, words);
+    for (const Finding &finding : findings)
+        std::cerr << "ipaclctl: column " << finding.column << ": " << finding.text << '\n';
+    if (is_held(findings, force ? Strictness::kForced : Strictness::kTyped))
+        return 1;
     std::string wrong = open_list(service, name, *kind);
     if (wrong.empty()) {
         wrong = send_rule(service, name, *kind, words);

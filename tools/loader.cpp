@@ -1,40 +1,19 @@
 #include "loader.h"
 
+#include "strict.h"
+
 #include "ipacl/ipacl.h"
 #include "ipacl/obj_ipacl.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
 #include <functional>
-#include <optional>
 #include <unistd.h>
 #include <vector>
 
 namespace ipaclctl {
 namespace {
-
-using Words = std::vector<std::string>;
-
-Words split(const std::string &line) {
-    constexpr const char *kSeparators = ", \t\r\n";
-    Words words;
-    for (size_t at = 0; (at = line.find_first_not_of(kSeparators, at)) != std::string::npos;) {
-        const size_t end = line.find_first_of(kSeparators, at);
-        words.push_back(line.substr(at, end - at));
-        at = end == std::string::npos ? line.size() : end;
-    }
-    return words;
-}
-
-std::optional<Kind> kind_word(const std::string &word) {
-    if (word == "standard")
-        return Kind::kStandard;
-    if (word == "extended")
-        return Kind::kExtended;
-    return std::nullopt;
-}
 
 Request request_for(const std::string &name, Kind kind, ipacl_action_code action) {
     Request request;
@@ -107,23 +86,35 @@ class Progress {
 // line asks for waits until the rules before it have theirs.
 class Player {
   public:
-    // Told of each line that is wrong, in the order of the lines.
-    using Report = std::function<void(size_t number, const std::string &wrong)>;
+    // Told of each line that is wrong, in the order of the lines. Column 0: the line as a whole.
+    using Report = std::function<void(size_t number, size_t column, const std::string &wrong)>;
 
-    Player(Service &service, Report report) : service_(service), report_(std::move(report)) {}
+    Player(Service &service, bool force, Report report)
+        : service_(service), force_(force), report_(std::move(report)) {}
 
     void play(size_t number, const std::string &line) {
-        const Words words = split(line);
-        if (words.empty() || words[0][0] == '#')
+        const ConfigLine read = read_config_line(line);
+        switch (read.what) {
+        case ConfigLine::kNothing:
             return;
-        if (const std::string wrong = obey(number, words, line); !wrong.empty())
-            tell(number, wrong);
+        case ConfigLine::kEnd:
+            return tell(number, close());
+        case ConfigLine::kBadHeader:
+            tell(number, close());
+            skipping_ = true;
+            return tell(number, read.findings);
+        case ConfigLine::kHeader:
+        case ConfigLine::kRemoval:
+            return tell(number, header(read));
+        case ConfigLine::kMergeEnable:
+        case ConfigLine::kRule:
+            return rule(number, line, read);
+        }
     }
 
     // Leaves the list that is open at the end.
     void end(size_t number) {
-        if (const std::string wrong = close(); !wrong.empty())
-            tell(number, wrong);
+        tell(number, close());
         service_.finish();
     }
 
@@ -132,38 +123,49 @@ class Player {
   private:
     // What is known at once stands behind what the lines before are still to be told.
     void tell(size_t number, const std::string &wrong) {
+        if (wrong.empty())
+            return;
         service_.finish();
         fail(number, wrong);
+    }
+    void tell(size_t number, const Findings &findings) {
+        service_.finish();
+        result.errors++;
+        show(number, findings);
     }
 
     void fail(size_t number, const std::string &wrong) {
         result.errors++;
-        report_(number, wrong);
+        report_(number, 0, wrong);
     }
 
-    // "" or what is wrong with the line, as far as that is known without the service's answer.
-    std::string obey(size_t number, const Words &words, const std::string &line) {
-        if (words[0] == "!")
-            return close();
-        const bool no = words[0] == "no" && words.size() > 2 && words[2] == "access-list";
-        if (no || (words.size() > 1 && words[0] == "ip" && words[1] == "access-list"))
-            return header(words, no);
+    // Findings of a line that was sent are warnings, whatever they were.
+    void show(size_t number, const Findings &findings, bool sent = false) {
+        for (const Finding &finding : findings) {
+            const bool warning = sent || !finding.is_error();
+            result.warnings += warning;
+            report_(number, finding.column, (warning ? "warning: " : "") + finding.text);
+        }
+    }
+
+    void rule(size_t number, const std::string &line, const ConfigLine &read) {
         if (skipping_)
-            return "this line belongs to a list that could not be opened";
+            return tell(number, kListNotOpened);
         if (!open_)
-            return "a rule needs a list: put \"ip access-list standard|extended NAME\" first";
-        if (words[0] == "merge-enable")
-            return "merge-enable can't be switched on through the bus";
-        if (std::string wrong = refused_silently(kind_, line); !wrong.empty())
-            return wrong;
+            return tell(number, kNeedsList);
+        if (read.what == ConfigLine::kMergeEnable)
+            return tell(number, read.findings);
+        Findings findings = check_rule(kind_, line);
+        if (is_held(findings, force_ ? Strictness::kForced : Strictness::kFile))
+            return tell(number, findings);
         service_.send("action", rule_request(name_, kind_, line),
-                      [this, number](const Reply &reply) {
+                      [this, number, findings = std::move(findings)](const Reply &reply) {
+                          show(number, findings, true);
                           if (const std::string wrong = complaint(reply); !wrong.empty())
                               fail(number, wrong);
                           else
                               result.rules++;
                       });
-        return "";
     }
 
     // Leaves the list that is open.
@@ -175,35 +177,26 @@ class Player {
         return leave_list(service_, name_, kind_);
     }
 
-    std::string header(const Words &words, bool no) {
-        const size_t at = no ? 3 : 2;
+    // "" or what is wrong with a header or removal.
+    std::string header(const ConfigLine &read) {
         std::string wrong = close();
-        const auto kind = words.size() > at ? kind_word(words[at]) : std::nullopt;
-        if (!kind || words.size() != at + 2)
-            return skip("expected \"" + std::string(no ? "no " : "") +
-                        "ip access-list standard|extended NAME\"");
-        if (const std::string bad = bad_name(words[at + 1]); !bad.empty())
-            return skip(bad);
         if (!wrong.empty())
             return wrong;
-        if (no)
-            return destroy_list(service_, words[at + 1], *kind);
-        wrong = open_list(service_, words[at + 1], *kind);
-        if (!wrong.empty())
-            return skip(wrong);
+        if (read.what == ConfigLine::kRemoval)
+            return destroy_list(service_, read.name, read.kind);
+        wrong = open_list(service_, read.name, read.kind);
+        skipping_ = !wrong.empty();
+        if (skipping_)
+            return wrong;
         open_ = true;
-        name_ = words[at + 1];
-        kind_ = *kind;
+        name_ = read.name;
+        kind_ = read.kind;
         result.lists++;
         return "";
     }
 
-    std::string skip(const std::string &wrong) {
-        skipping_ = true;
-        return wrong;
-    }
-
     Service &service_;
+    bool force_;
     Report report_;
     bool open_ = false;
     bool skipping_ = false;
@@ -213,32 +206,8 @@ class Player {
 
 } // namespace
 
-std::string bad_name(const std::string &name) {
-    if (name.empty())
-        return "a list needs a name";
-    if (name.size() > IPACL_NAME_LEN)
-        return "the name " + name + " is too long: at most 20 characters are kept";
-    return "";
-}
-
-std::string refused_silently(Kind kind, const std::string &rule) {
-    const Words words = split(rule);
-    const size_t at = !words.empty() && words[0].starts_with("no") ? 2 : 1;
-    if (kind != Kind::kStandard || words.size() < at + 3 || !words[at].starts_with("src-range"))
-        return "";
-    const in_addr_t first = inet_addr(words[at + 1].c_str());
-    const in_addr_t last = inet_addr(words[at + 2].c_str());
-    if (first <= last)
-        return "";
-    return "the range " + words[at + 1] + " to " + words[at + 2] +
-           " is refused: its last address must not come before its first, and this device orders "
-           "the addresses of a range by their last octet first";
-}
-
 std::string send_rule(Service &service, const std::string &name, Kind kind,
                       const std::string &rule) {
-    if (std::string wrong = refused_silently(kind, rule); !wrong.empty())
-        return wrong;
     return complaint(service.call("action", rule_request(name, kind, rule)));
 }
 
@@ -267,14 +236,17 @@ std::string destroy_list(Service &service, const std::string &name, Kind kind) {
     return complaint(service.call("destroy", request_for(name, kind, IPACL_ACTION_DELETE)));
 }
 
-LoadResult load(Service &service, std::istream &in, const std::string &source) {
+LoadResult load(Service &service, std::istream &in, const std::string &source, bool force) {
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     Progress progress(lines.size());
-    Player player(service, [&](size_t number, const std::string &wrong) {
+    Player player(service, force, [&](size_t number, size_t column, const std::string &wrong) {
         progress.make_way();
-        (void)fprintf(stderr, "%s:%zu: %s\n", source.c_str(), number, first_line(wrong).c_str());
+        std::string place = source + ":" + std::to_string(number);
+        if (column)
+            place += ":" + std::to_string(column);
+        (void)fprintf(stderr, "%s: %s\n", place.c_str(), first_line(wrong).c_str());
     });
     for (size_t i = 0; i < lines.size(); i++) {
         player.play(i + 1, lines[i]);

@@ -11,18 +11,14 @@ namespace ipaclctl {
 struct LoadResult {
     size_t lists = 0;
     size_t rules = 0;
-    size_t errors = 0;
+    size_t errors = 0; // lines that were not sent, or refused
+    size_t warnings = 0;
 };
 
 // Reads all of `in` and applies it line by line. What is wrong with a line goes to standard error
-// as "SOURCE:LINE: ..."; the lines behind it are played all the same.
-LoadResult load(Service &service, std::istream &in, const std::string &source);
-
-// What is wrong with a rule line that the service would refuse without telling us, or "".
-std::string refused_silently(Kind kind, const std::string &rule);
-
-// "" when a list may be called so, else what is wrong.
-std::string bad_name(const std::string &name);
+// as "SOURCE:LINE: ..." or "SOURCE:LINE:COLUMN: ..."; the lines behind it are played all the same.
+// A rule with an error by strict reading is not sent, but with `force`.
+LoadResult load(Service &service, std::istream &in, const std::string &source, bool force);
 
 // Sends one rule command. "" or what is wrong.
 std::string send_rule(Service &service, const std::string &name, Kind kind,

@@ -4,6 +4,7 @@
 
 #include "analysis_commands.h"
 #include "commands.h"
+#include "lint.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,6 +22,12 @@ const std::map<std::string, Kind> &kinds() {
     return words;
 }
 
+const std::map<std::string, LintFormat> &formats() {
+    static const std::map<std::string, LintFormat> words{
+        {"text", LintFormat::kText}, {"json", LintFormat::kJson}, {"sarif", LintFormat::kSarif}};
+    return words;
+}
+
 // What a service is given after each start.
 constexpr const char *kStartupConfig = "/etc/ipacl/startup-config";
 
@@ -29,6 +36,9 @@ struct Arguments {
     std::string socket;
     int timeout = 30;
     bool verbose = false;
+    bool force = false;
+    bool warnings_count = false;
+    LintFormat format = LintFormat::kText;
     std::string file;
     std::string words;
     unsigned count = 0;
@@ -46,10 +56,12 @@ class CommandLine {
         app_.add_option("-s,--socket", a_.socket, "socket of the message bus");
         app_.add_option("-t,--timeout", a_.timeout, "seconds to wait for an answer")
             ->check(CLI::PositiveNumber);
-        auto *load = add("load", "play a configuration (- is standard input)",
-                         [this](Service &s) { return load_file(s, a_.file, a_.verbose); });
+        auto *load = add("load", "play a configuration (- is standard input)", [this](Service &s) {
+            return load_file(s, a_.file, a_.verbose, a_.force);
+        });
         load->add_option("file", a_.file)->required();
         load->add_flag("-v,--verbose", a_.verbose, "say what was loaded");
+        force(load);
         add("running-config", "write the running configuration", show_running);
         auto *saved =
             add("save", "write the running configuration to a file, all or nothing",
@@ -72,9 +84,11 @@ class CommandLine {
         name(destroyed, true);
         kind(destroyed, false);
         auto *edited = add("rule", "give one rule command to a list",
-                           [this](Service &s) { return rule(s, *a_.name, a_.words); });
+                           [this](Service &s) { return rule(s, *a_.name, a_.words, a_.force); });
         name(edited, true);
         edited->add_option("words", a_.words, "the command, as one argument")->required();
+        force(edited);
+        add_lint();
         auto *watched = add("watch", "tell every list that changes or goes",
                             [this](Service &s) { return watch(s, a_.count); });
         watched->add_option("--count", a_.count, "end after so many");
@@ -105,6 +119,24 @@ class CommandLine {
         CLI::App *sub = app_.add_subcommand(word, help);
         sub->callback([this, command] { command_ = command; });
         return sub;
+    }
+    // What needs no service.
+    void add_lint() {
+        CLI::App *sub = app_.add_subcommand("lint", "read a configuration strictly, and say what "
+                                                    "is wrong with it, without a service");
+        sub->add_option("file", a_.file, "- is standard input")->required();
+        sub->add_option_function<std::string>(
+               "--format", [this](const std::string &word) { a_.format = formats().at(word); },
+               "text, json or sarif")
+            ->check(CLI::IsMember(formats()));
+        sub->add_flag("-W,--warnings-as-errors", a_.warnings_count,
+                      "exit with 1 for warnings as well");
+        sub->callback([this] {
+            local_command_ = [this] { return lint(a_.file, a_.format, a_.warnings_count); };
+        });
+    }
+    void force(CLI::App *sub) {
+        sub->add_flag("-f,--force", a_.force, "send what strict reading holds back");
     }
     void name(CLI::App *sub, bool required) {
         sub->add_option("name", a_.name, "name of the list")->required(required);
