@@ -562,13 +562,6 @@ bool is_held(const Findings &findings, Strictness strictness) {
     });
 }
 
-std::optional<Kind> kind_word(const std::string &word) {
-    for (const Kind kind : {Kind::kStandard, Kind::kExtended})
-        if (word == kind_name(kind))
-            return kind;
-    return std::nullopt;
-}
-
 std::string bad_name(const std::string &name) {
     if (name.empty())
         return "a list needs a name";
@@ -596,7 +589,7 @@ ConfigLine read_config_line(const std::string &line) {
         for (int i = no ? 3 : 2; i > 0; i--)
             walk.skip();
         read.what = no ? ConfigLine::kRemoval : ConfigLine::kHeader;
-        const auto kind = kind_word(std::string(walk.next()));
+        const auto kind = kind_word(walk.next());
         read.name = walk.peek(1);
         std::string bad = bad_name(read.name);
         if (!kind || read.name.empty() || !walk.peek(2).empty())

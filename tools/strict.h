@@ -6,10 +6,9 @@
 // configuration holds after typed rules has warnings at most.
 #pragma once
 
-#include "service.h"
+#include "kind.h"
 #include "walk.h"
 
-#include <optional>
 #include <string>
 
 namespace ipaclctl {
@@ -46,9 +45,6 @@ ConfigLine read_config_line(const std::string &line);
 // Messages that reading a line and playing it have in common.
 extern const char *const kNeedsList;
 extern const char *const kListNotOpened;
-
-// The kind that a word names.
-std::optional<Kind> kind_word(const std::string &word);
 
 // "" when a list may be called so, else what is wrong.
 std::string bad_name(const std::string &name);
