@@ -5,6 +5,8 @@
 #include "analysis_commands.h"
 #include "commands.h"
 #include "lint.h"
+#include "save.h"
+#include "shell.h"
 
 #include <CLI/CLI.hpp>
 
@@ -16,10 +18,8 @@ namespace {
 
 using namespace ipaclctl;
 
-const std::map<std::string, Kind> &kinds() {
-    static const std::map<std::string, Kind> words{{"standard", Kind::kStandard},
-                                                   {"extended", Kind::kExtended}};
-    return words;
+std::vector<std::string> kinds() {
+    return {kind_name(Kind::kStandard), kind_name(Kind::kExtended)};
 }
 
 const std::map<std::string, LintFormat> &formats() {
@@ -27,9 +27,6 @@ const std::map<std::string, LintFormat> &formats() {
         {"text", LintFormat::kText}, {"json", LintFormat::kJson}, {"sarif", LintFormat::kSarif}};
     return words;
 }
-
-// What a service is given after each start.
-constexpr const char *kStartupConfig = "/etc/ipacl/startup-config";
 
 // What the command line asked for.
 struct Arguments {
@@ -52,10 +49,11 @@ class CommandLine {
   public:
     CommandLine() {
         app_.set_version_flag("--version", IPACL_VERSION);
-        app_.require_subcommand(1);
+        app_.require_subcommand(0, 1); // without one: the shell
         app_.add_option("-s,--socket", a_.socket, "socket of the message bus");
         app_.add_option("-t,--timeout", a_.timeout, "seconds to wait for an answer")
             ->check(CLI::PositiveNumber);
+        force(&app_);
         auto *load = add("load", "play a configuration (- is standard input)", [this](Service &s) {
             return load_file(s, a_.file, a_.verbose, a_.force);
         });
@@ -105,7 +103,7 @@ class CommandLine {
             if (local_command_)
                 return local_command_();
             Service service(a_.socket, a_.timeout);
-            return command_(service);
+            return command_ ? command_(service) : run_shell(service, a_.force);
         } catch (const CLI::ParseError &error) {
             return app_.exit(error) == 0 ? 0 : 2;
         } catch (const Unreachable &error) {
@@ -143,7 +141,7 @@ class CommandLine {
     }
     void kind(CLI::App *sub, bool required) {
         sub->add_option_function<std::string>(
-               "--type", [this](const std::string &word) { a_.kind = kinds().at(word); },
+               "--type", [this](const std::string &word) { a_.kind = kind_word(word); },
                "standard or extended")
             ->check(CLI::IsMember(kinds()))
             ->required(required);

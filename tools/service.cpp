@@ -19,7 +19,6 @@ namespace ipaclctl {
 namespace {
 
 constexpr size_t kInFlight = 64; // requests that may wait for their replies
-constexpr int kPatience = 50;    // tries, a tenth of a second each, until the service must be back
 
 const char *path_or_null(const std::string &path) { return path.empty() ? nullptr : path.c_str(); }
 
@@ -114,8 +113,6 @@ class HandlerFiles {
 
 } // namespace
 
-const char *kind_name(Kind kind) { return kind == Kind::kStandard ? "standard" : "extended"; }
-
 // A request on its way, and what is needed to send it once more.
 struct Service::Sent {
     Sent(const char *m, const Request &r, std::function<void(const Reply &)> d)
@@ -161,13 +158,19 @@ bool Service::find_service() {
 
 // Waits until the service can be asked again.
 bool Service::come_back() {
-    for (int i = 0; i < kPatience; i++, pause()) {
+    for (int i = 0; i <= patience_; i++) {
         if (!find_service() && ubus_reconnect(ctx_, path_or_null(path_)) == UBUS_STATUS_OK)
             find_service();
         if (id_)
-            return true;
+            break;
+        if (i == 0 && patience_ > 0 && absence_.waiting)
+            absence_.waiting();
+        if (i < patience_)
+            pause();
     }
-    return false;
+    if (id_ && absence_.back)
+        absence_.back();
+    return id_ != 0;
 }
 
 int Service::try_call(const char *method, const Request &request, Reply &reply) {
@@ -257,19 +260,27 @@ std::string Service::text(const char *method, Request request) {
     return reply.output;
 }
 
-std::optional<Kind> Service::kind_of(const std::string &name) {
+std::vector<std::pair<std::string, Kind>> Service::lists() {
     Request request;
     request.action = IPACL_ACTION_JSON;
     request.moudle = IPACL_MOUDLE_CMD;
-    const std::unique_ptr<cJSON, void (*)(cJSON *)> lists(
+    const std::unique_ptr<cJSON, void (*)(cJSON *)> json(
         cJSON_Parse(text("action", request).c_str()), cJSON_Delete);
+    std::vector<std::pair<std::string, Kind>> all;
     const cJSON *list;
-    cJSON_ArrayForEach(list, lists.get()) {
-        const char *listed = cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListName"));
+    cJSON_ArrayForEach(list, json.get()) {
+        const char *name = cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListName"));
         const char *kind = cJSON_GetStringValue(cJSON_GetObjectItem(list, "IpAccessListAttribute"));
-        if (listed && kind && name == listed)
-            return strcmp(kind, "standard") == 0 ? Kind::kStandard : Kind::kExtended;
+        if (name && kind)
+            all.emplace_back(name, kind_word(kind).value_or(Kind::kExtended));
     }
+    return all;
+}
+
+std::optional<Kind> Service::kind_of(const std::string &name) {
+    for (const auto &[listed, kind] : lists())
+        if (listed == name)
+            return kind;
     return std::nullopt;
 }
 

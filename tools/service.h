@@ -1,6 +1,8 @@
 // The service as the tool sees it: requests to "L.IPACL" and the text that comes back.
 #pragma once
 
+#include "kind.h"
+
 #include <libubus.h>
 
 #include <deque>
@@ -9,6 +11,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace ipaclctl {
 
@@ -16,10 +20,6 @@ namespace ipaclctl {
 struct Unreachable : std::runtime_error {
     using runtime_error::runtime_error;
 };
-
-enum class Kind { kExtended, kStandard };
-
-const char *kind_name(Kind kind);
 
 // The attributes of a request; what is not set is not sent.
 struct Request {
@@ -64,6 +64,21 @@ class Service {
     // The kind of a list, or none when there is no such list.
     std::optional<Kind> kind_of(const std::string &name);
 
+    // Every list and its kind, in the order of the configuration.
+    std::vector<std::pair<std::string, Kind>> lists();
+
+    // Told when a call has to wait for the service, and when the service is there again; the call
+    // is made once more after that. Calls may be made from `back`.
+    struct Absence {
+        std::function<void()> waiting;
+        std::function<void()> back;
+    };
+    void on_absence(Absence absence) { absence_ = std::move(absence); }
+
+    // How long a call waits for a service that is away, in tenths of a second.
+    void set_patience(int tenths) { patience_ = tenths; }
+    int patience() const { return patience_; }
+
     // Calls fn(list, state) for every announcement of a changed or removed list, until it returns
     // false. `ready` is called once announcements are being heard.
     void watch(const std::function<void()> &ready,
@@ -81,6 +96,8 @@ class Service {
 
     std::string path_;
     int timeout_;
+    int patience_ = 50;
+    Absence absence_;
     ubus_context *ctx_ = nullptr;
     uint32_t id_ = 0;
     std::deque<std::unique_ptr<Sent>> sent_; // the oldest first

@@ -100,16 +100,26 @@ class Generator {
 
 class RoundTrip : public System {
   protected:
+    // The lines of `errors` that are no warnings by strict reading.
+    static std::string but_warnings(const std::string &errors) {
+        std::istringstream lines(errors);
+        std::string others;
+        for (std::string line; std::getline(lines, line);)
+            if (line.find(": warning: ") == std::string::npos)
+                others += line + "\n";
+        return others;
+    }
     void expect_same_after(const std::string &file) {
         const Outcome loaded = ctl({"load", file});
-        EXPECT_EQ(loaded.errors, "");
+        EXPECT_EQ(but_warnings(loaded.errors), "");
         const std::string first = running();
         ASSERT_FALSE(first.empty());
         end_daemon(SIGTERM);
         start_daemon();
         ASSERT_EQ(running(), "");
         const Outcome again = ctl({"load", write_file("saved.conf", first)});
-        EXPECT_EQ(again.errors, "");
+        EXPECT_EQ(again.status, 0);
+        EXPECT_EQ(but_warnings(again.errors), "");
         EXPECT_TRUE(running() == first) << "the second text differs from the first";
     }
 };
@@ -141,7 +151,7 @@ TEST_F(RoundTrip, OfTenThousandGeneratedRules) {
     }
     // "any" and the like may come up as one rule in two spellings: what the service refuses as a
     // duplicate is left out of the comparison, which starts from what it holds.
-    ctl({"load", write_file("generated.conf", config)});
+    ctl({"load", "--force", write_file("generated.conf", config)});
     const std::string held = running();
     EXPECT_GE(std::count(held.begin(), held.end(), '\n'), 10000 + 2 * 55);
     end_daemon(SIGTERM);
