@@ -127,8 +127,8 @@ report() {
     [ "$failed" -eq 0 ]
 }
 
-build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev libbdd-dev"
+build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev libbdd-dev libedit-dev"
 manual_packages="man-db groff-base mandoc"
-arm_packages="g++-arm-linux-gnueabihf libcjson-dev:armhf libstdc++6:armhf googletest qemu-user"
+arm_packages="g++-arm-linux-gnueabihf libcjson-dev:armhf libedit2:armhf libstdc++6:armhf googletest qemu-user"
 lint_packages="clang-tidy-14 clang-format-14 cppcheck"
 test_packages="libgtest-dev clang libclang-rt-14-dev iproute2 $manual_packages"
