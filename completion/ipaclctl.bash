@@ -20,7 +20,7 @@ _ipaclctl() {
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((++i < COMP_CWORD)) && service=(--socket "${COMP_WORDS[i]}")
             ;;
-        -t | --timeout | --type | --count | --file | --against | --limit | --top)
+        -t | --timeout | --type | --count | --file | --against | --format | --limit | --top)
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((i++))
             ;;
@@ -39,15 +39,18 @@ _ipaclctl() {
     case $previous in
     -s | --socket | --file | --against) files=1 ;;
     -t | --timeout | --count | --limit | --top) return ;;
+    --format) choices=$'json\nsarif\ntext' ;;
     --type) choices=$'standard\nextended' ;;
     *)
         case $command:$word in
-        :-*) choices=$'--help\n--socket\n--timeout\n--version' ;;
+        :-*) choices=$'--force\n--help\n--socket\n--timeout\n--version' ;;
         :*)
-            choices=$'create\ndestroy\ndiff\nequal\njson\nload\nmerge\nplan\nrule\nrunning-config'
-            choices+=$'\nsave\nshow\nunreachable\nwatch'
+            choices=$'create\ndestroy\ndiff\nequal\njson\nlint\nload\nmerge\nplan\nrule'
+            choices+=$'\nrunning-config\nsave\nshow\nunreachable\nwatch'
             ;;
-        load:-*) choices=$'--help\n--verbose' ;;
+        lint:-*) choices=$'--format\n--help\n--warnings-as-errors' ;;
+        load:-*) choices=$'--force\n--help\n--verbose' ;;
+        rule:-*) choices=$'--force\n--help' ;;
         create:-* | destroy:-* | json:-*) choices=$'--help\n--type' ;;
         watch:-*) choices=$'--count\n--help' ;;
         unreachable:-* | merge:-*) choices=$'--file\n--help\n--json' ;;
@@ -55,7 +58,7 @@ _ipaclctl() {
         diff:-*) choices=$'--against\n--file\n--help\n--json\n--limit' ;;
         plan:-*) choices=$'--file\n--help\n--json\n--top' ;;
         *:-*) choices=--help ;;
-        load:* | save:*) ((positions == 0)) && files=1 ;;
+        lint:* | load:* | save:*) ((positions == 0)) && files=1 ;;
         destroy:* | json:* | merge:* | plan:* | rule:* | show:* | unreachable:*)
             ((positions == 0)) && lists=1
             ;;

@@ -45,11 +45,11 @@ touch 'office.conf' 'branch office.conf'
 
 complete -p ipaclctl | grep -q -- '-F _ipaclctl ipaclctl' || fail "nothing is registered"
 
-offers "create destroy diff equal json load merge plan rule running-config save show unreachable watch" ""
+offers "create destroy diff equal json lint load merge plan rule running-config save show unreachable watch" ""
 offers "rule running-config" r
 offers "save show" s
 offers "" nonsense
-offers "--help --socket --timeout --version" -
+offers "--force --help --socket --timeout --version" -
 offers "show" -t 5 sh
 offers "show" --timeout=5 sh
 offers "" -t ""
@@ -71,6 +71,9 @@ offers "standard" json mgmt-hosts --type st
 offers "extended" destroy web --type = e
 offers "extended standard" destroy web --type =
 offers "branch office.conf" load br
+offers "office.conf" lint o
+offers "json" lint office.conf --format j
+offers "--force" rule --f
 offers "office.conf" save o
 offers "" load office.conf o
 offers "office.conf" -s o
