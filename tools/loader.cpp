@@ -243,10 +243,10 @@ LoadResult load(Service &service, std::istream &in, const std::string &source, b
     Progress progress(lines.size());
     Player player(service, force, [&](size_t number, size_t column, const std::string &wrong) {
         progress.make_way();
-        std::string place = source + ":" + std::to_string(number);
+        (void)fprintf(stderr, "%s:%zu", source.c_str(), number);
         if (column)
-            place += ":" + std::to_string(column);
-        (void)fprintf(stderr, "%s: %s\n", place.c_str(), first_line(wrong).c_str());
+            (void)fprintf(stderr, ":%zu", column);
+        (void)fprintf(stderr, ": %s\n", first_line(wrong).c_str());
     });
     for (size_t i = 0; i < lines.size(); i++) {
         player.play(i + 1, lines[i]);
