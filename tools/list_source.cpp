@@ -1,6 +1,6 @@
 #include "list_source.h"
 
-#include "loader.h"
+#include "strict.h"
 
 #include "analysis/analysis.h"
 #include "ipacl/aclapi.h"
@@ -52,11 +52,6 @@ class Answers {
     size_t size_ = 0;
 };
 
-std::vector<std::string> words_of(const std::string &line) {
-    std::istringstream in(line);
-    return {std::istream_iterator<std::string>(in), {}};
-}
-
 std::string trimmed(const std::string &line) {
     const size_t first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos)
@@ -83,32 +78,37 @@ class Reader {
 
   private:
     void take(const std::string &line) {
-        const auto words = words_of(line);
-        if (words.empty() || words[0][0] == '#')
+        const ConfigLine read = read_config_line(line);
+        switch (read.what) {
+        case ConfigLine::kNothing:
+        case ConfigLine::kMergeEnable:
             return;
-        if (words[0] == "!") {
+        case ConfigLine::kEnd:
             open_ = false;
             return;
+        case ConfigLine::kBadHeader:
+            open_ = false;
+            return refuse(read.findings);
+        case ConfigLine::kHeader:
+        case ConfigLine::kRemoval:
+            open_ = false;
+            if (read.name == name_)
+                header(read);
+            return;
+        case ConfigLine::kRule:
+            if (open_)
+                rule(line);
         }
-        const bool no = words[0] == "no";
-        if (words.size() == size_t{no} + 4 && words[no] == "ip" && words[no + 1U] == "access-list")
-            header(words[no + 2U], words[no + 3U], no);
-        else if (open_ && words[0] != "merge-enable")
-            rule(line);
     }
 
-    void header(const std::string &kind, const std::string &name, bool no) {
-        open_ = name == name_ && !no;
-        if (name != name_)
-            return;
-        const bool standard = kind == "standard";
-        if (no) {
+    void header(const ConfigLine &read) {
+        if (read.what == ConfigLine::kRemoval) {
             if (list_)
                 ipacl_delete(slot_, list_->is_standard);
             list_ = nullptr;
             return;
         }
-        ipacl *made = get_ipacl_byname(slot_, standard);
+        ipacl *made = get_ipacl_byname(slot_, read.kind == Kind::kStandard);
         open_ = made != nullptr;
         if (made)
             list_ = made;
@@ -117,10 +117,10 @@ class Reader {
     }
 
     void rule(const std::string &line) {
-        const std::string refused =
-            refused_silently(list_->is_standard ? Kind::kStandard : Kind::kExtended, line);
-        if (!refused.empty())
-            return refuse(refused);
+        const Findings findings =
+            check_rule(list_->is_standard ? Kind::kStandard : Kind::kExtended, line);
+        if (is_held(findings, from_.running ? Strictness::kForced : Strictness::kFile))
+            return refuse(findings);
         Answers answers;
         const int result = list_->is_standard ? do_standard_end(slot_, line.c_str())
                                               : do_extended_end(slot_, line.c_str());
@@ -141,6 +141,11 @@ class Reader {
             throw Trouble("the list " + name_ + " has a rule that can't be read back: " + line);
     }
 
+    void refuse(const Findings &findings) {
+        for (const Finding &finding : findings)
+            if (finding.is_error())
+                refuse(finding.text);
+    }
     void refuse(const std::string &wrong) {
         if (from_.running)
             throw Trouble("the list " + name_ + " can't be read back: " + wrong);

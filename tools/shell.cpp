@@ -98,6 +98,7 @@ class Shell {
     void rule(Walk &walk, size_t first, bool negated, bool force);
 
     void leave();
+    bool at_end();
     void waiting();
     void back();
     void say(const std::string &text, size_t column = 0);
@@ -499,6 +500,17 @@ bool Shell::obey(const std::string &line) {
     }
 }
 
+// Leaves the list that is still open. False when the service can't be reached.
+bool Shell::at_end() {
+    try {
+        leave();
+        return true;
+    } catch (const Unreachable &error) {
+        say(error.what());
+        return false;
+    }
+}
+
 int Shell::run_terminal() {
     // When the terminal goes, reading ends and the list that is open is left.
     signal(SIGHUP, SIG_IGN);
@@ -516,9 +528,9 @@ int Shell::run_terminal() {
             editor.put_back(*line);
         std::cout.flush();
     }
-    obey("end");
+    const bool left = at_end();
     editor_ = nullptr;
-    return 0;
+    return left ? 0 : 2;
 }
 
 int Shell::run_pipe() {
@@ -533,7 +545,8 @@ int Shell::run_pipe() {
             return 2;
         }
     }
-    leave();
+    if (!at_end())
+        return 2;
     std::cout.flush();
     return wrong_ ? 1 : 0;
 }

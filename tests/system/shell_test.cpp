@@ -20,6 +20,7 @@ class Terminal {
         pid_ = forkpty(&master_, nullptr, nullptr, &size);
         if (pid_ == 0) {
             setenv("TERM", "vt100", 1);
+            setenv("LSAN_OPTIONS", "print_suppressions=0:suppressions=" LEAKS, 1);
             execute(program(TOOL, arguments));
             _exit(127);
         }
