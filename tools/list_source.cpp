@@ -144,12 +144,15 @@ class Reader {
     void refuse(const Findings &findings) {
         for (const Finding &finding : findings)
             if (finding.is_error())
-                refuse(finding.text);
+                refuse(finding.text, finding.column);
     }
-    void refuse(const std::string &wrong) {
+    void refuse(const std::string &wrong, size_t column = 0) {
         if (from_.running)
             throw Trouble("the list " + name_ + " can't be read back: " + wrong);
-        std::cerr << from_.source << ':' << number_ << ": " << wrong << '\n';
+        std::cerr << from_.source << ':' << number_;
+        if (column)
+            std::cerr << ':' << column;
+        std::cerr << ": " << wrong << '\n';
     }
 
     const Configuration &from_;

@@ -116,6 +116,7 @@ LineEditor::LineEditor(Habits habits) : state_(std::make_unique<State>()) {
     el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
     // Both keys are for the line, not for the process.
     el_set(editor, EL_SETTY, "-d", "-isig", nullptr);
+    el_set(editor, EL_SETTY, "-x", "-isig", nullptr);
     el_set(editor, EL_BIND, "^C", "ipacl-abandon", nullptr);
     el_set(editor, EL_BIND, "^Z", "ipacl-leave", nullptr);
 }
@@ -128,6 +129,7 @@ LineEditor::~LineEditor() {
 std::optional<std::string> LineEditor::read() {
     state_->prompt = state_->habits.prompt();
     int length = 0;
+    el_set(state_->editor, EL_PREP_TERM, 1); // before the prompt invites to type
     const char *got = el_gets(state_->editor, &length);
     if (!got || length <= 0)
         return std::nullopt;

@@ -201,8 +201,8 @@ TEST_F(AnalysisTool, WhatTheServiceWouldRefuseIsSaidAndLeftOut) {
     EXPECT_EQ(outcome.output, "a: 0 of 1 rule can never match\n");
     EXPECT_EQ(outcome.errors,
               file + ":3: The rule has existed in the access list.\n" + file +
-                  ":4: % Incomplete command.\n" + file +
-                  ":5: the range 10.0.0.200 to 10.0.1.1 is refused: its last address must not "
+                  ":4:7: the line ends too early: expected any, src-range or ADDRESS\n" + file +
+                  ":5:29: the range 10.0.0.200 to 10.0.1.1 is refused: its last address must not "
                   "come before its first, and this device orders the addresses of a range by "
                   "their last octet first\n" +
                   file + ":7: there is a list of this name of the other kind\n");
