@@ -4,6 +4,7 @@
 // locks, and turns that rule into a result. The tests compare integers as they are stored, write
 // each condition once for both kinds, sides and operators, and look first at what decides most.
 
+#include "acl_explain.h"
 #include "acl_kind.h"
 #include "acl_lock.h"
 #include "acl_words.h"
@@ -15,8 +16,25 @@
 
 namespace {
 
+using acl::Test;
 using acl_words::kDestination;
 using acl_words::kSource;
+
+// Every test of an extended rule goes through a listener, which returns what it is told. Nobody
+// listens to the walk, which is as fast as without.
+struct Nobody {
+    bool operator()(Test, bool holds, size_t = 0) const { return holds; }
+};
+
+// Notes the test that fails; none is made after it.
+struct Note {
+    acl::Failure &failure;
+    bool operator()(Test test, bool holds, size_t option = 0) const {
+        if (!holds)
+            failure = {test, option};
+        return holds;
+    }
+};
 
 template <class Rule>
 bool in_range(const Rule &rule, const acl_words::Address<Rule> &fields, uint32_t ip) {
@@ -34,12 +52,13 @@ constexpr bool compared(uint16_t flag) {
     return flag == IPACL_COMPARE_MASK || flag == IPACL_COMPARE_RANGE;
 }
 
-bool addresses_match(const ipacl_extended_rule &rule, const acl_info &info) {
+template <class Listener>
+bool addresses_match(const ipacl_extended_rule &rule, const acl_info &info, Listener tell) {
     // kept: with any other pair of compare flags no address is tested at all.
     if (!compared(rule.src_compare_flag) || !compared(rule.dst_compare_flag)) [[unlikely]]
         return true;
-    return address_matches(rule, kSource.address, info.src_ip) &&
-           address_matches(rule, kDestination.address, info.dst_ip);
+    return tell(Test::kSource, address_matches(rule, kSource.address, info.src_ip)) &&
+           tell(Test::kDestination, address_matches(rule, kDestination.address, info.dst_ip));
 }
 
 // Every set operator must hold.
@@ -59,23 +78,28 @@ bool port_matches(const ipacl_extended_rule &rule, const acl_words::Side &side, 
             (rule.*side.begin_port <= port && port <= rule.*side.end_port));
 }
 
-bool message_type_matches(const ipacl_extended_rule &rule, const acl_info &info) {
-    return (!(rule.flags & IPACL_FLAG_ICMP_TYPE) || info.icmp_type == rule.src_port) &&
-           (!(rule.flags & IPACL_FLAG_IGMP_TYPE) || info.igmp_type == rule.src_port);
+template <class Listener>
+bool message_type_matches(const ipacl_extended_rule &rule, const acl_info &info, Listener tell) {
+    return tell(Test::kIcmpType,
+                !(rule.flags & IPACL_FLAG_ICMP_TYPE) || info.icmp_type == rule.src_port) &&
+           tell(Test::kIgmpType,
+                !(rule.flags & IPACL_FLAG_IGMP_TYPE) || info.igmp_type == rule.src_port);
 }
 
-bool protocol_matches(const ipacl_extended_rule &rule, const acl_info &info, bool frag) {
+template <class Listener>
+bool protocol_matches(const ipacl_extended_rule &rule, const acl_info &info, bool frag,
+                      Listener tell) {
     if (rule.protcol == IPACL_PROTOCOL_IP)
         return true;
-    if (rule.protcol != info.proto)
+    if (!tell(Test::kProtocol, rule.protcol == info.proto))
         return false;
     if (frag)
         return true;
     if (acl_words::has_ports(rule.protcol))
-        return port_matches(rule, kSource, info.src_port) &&
-               port_matches(rule, kDestination, info.dst_port);
+        return tell(Test::kSourcePort, port_matches(rule, kSource, info.src_port)) &&
+               tell(Test::kDestinationPort, port_matches(rule, kDestination, info.dst_port));
     if (rule.protcol == acl_words::kIcmp || rule.protcol == acl_words::kIgmp)
-        return message_type_matches(rule, info);
+        return message_type_matches(rule, info, tell);
     return true;
 }
 
@@ -93,19 +117,41 @@ bool option_matches(const ipacl_extended_rule &rule, const acl_info &info) {
         return operators_hold<uint32_t>(rule.*option.op & ~IPACL_OP_NEQ, value, rule.*option.value);
 }
 
-bool options_match(const ipacl_extended_rule &rule, const acl_info &info, bool frag) {
+template <class Listener>
+bool options_match(const ipacl_extended_rule &rule, const acl_info &info, bool frag,
+                   Listener tell) {
     constexpr uint8_t kAckOrRst = 0x10 | 0x04;
-    if (!frag && (rule.flags & IPACL_FLAG_ESTABLISHED) && !(info.tcp_flags & kAckOrRst))
+    if (!tell(Test::kEstablished,
+              frag || !(rule.flags & IPACL_FLAG_ESTABLISHED) || (info.tcp_flags & kAckOrRst)))
         return false;
     return [&]<size_t... I>(std::index_sequence<I...>) {
-        return (option_matches<I>(rule, info) && ...);
+        return (tell(Test::kOption, option_matches<I>(rule, info), I) && ...);
     }
     (std::make_index_sequence<std::size(acl_words::kOptions)>());
 }
 
-bool rule_matches(const ipacl_extended_rule &rule, const acl_info &info, bool frag) {
-    return addresses_match(rule, info) && protocol_matches(rule, info, frag) &&
-           options_match(rule, info, frag);
+template <class Listener>
+bool rule_matches(const ipacl_extended_rule &rule, const acl_info &info, bool frag, Listener tell) {
+    return addresses_match(rule, info, tell) && protocol_matches(rule, info, frag, tell) &&
+           options_match(rule, info, frag, tell);
+}
+
+bool source_matches(const ipacl_standard_rule &rule, uint32_t ip) {
+    return address_matches(rule, acl_words::kStandardSource, ip);
+}
+
+template <class Listener>
+bool rule_matches(const ipacl_standard_rule &rule, const acl_info &info, bool, Listener tell) {
+    return tell(Test::kSource, source_matches(rule, info.src_ip));
+}
+
+template <class Rule>
+acl::Failure failure_of(const Rule &rule, const acl_info &info, bool frag) {
+    acl::Failure failure{Test::kNone, 0};
+    const Note tell{failure};
+    if (tell(Test::kActive, rule.status == IPACL_RULE_ACTIVE))
+        rule_matches(rule, info, frag, tell);
+    return failure;
 }
 
 // Nearly all rules are active and fail on an address, so the status, which lies far behind in the
@@ -208,17 +254,24 @@ acl_info read_frame(const Frame &frame) {
 
 } // namespace
 
+acl::Failure acl::first_failure(const ipacl_standard_rule &rule, const acl_info &info, bool frag) {
+    return failure_of(rule, info, frag);
+}
+
+acl::Failure acl::first_failure(const ipacl_extended_rule &rule, const acl_info &info, bool frag) {
+    return failure_of(rule, info, frag);
+}
+
 const ipacl_standard_rule *ipacl_match_standard(const ipacl_standard_rule *rule,
                                                 const acl_info *info) {
-    return first_match(rule, [ip = info->src_ip](const ipacl_standard_rule &r) {
-        return address_matches(r, acl_words::kStandardSource, ip);
-    });
+    return first_match(
+        rule, [ip = info->src_ip](const ipacl_standard_rule &r) { return source_matches(r, ip); });
 }
 
 const ipacl_extended_rule *ipacl_match_extended(const ipacl_extended_rule *rule,
                                                 const acl_info *info, int frag) {
     return first_match(rule, [&packet = *info, fragment = frag != 0](const ipacl_extended_rule &r) {
-        return rule_matches(r, packet, fragment);
+        return rule_matches(r, packet, fragment, Nobody{});
     });
 }
 
