@@ -47,6 +47,9 @@ std::vector<std::string> rule_texts(const ipacl &list);
 // A result in words: "permit", "deny and log", "no rule matches", ...
 std::string result_text(uint32_t result);
 
+// "deny by rule 2", or "no rule matches".
+std::string verdict_text(const Verdict &verdict);
+
 // One line, only with what is not usual: "tcp 10.0.0.1:1024 > 192.0.2.9:80 ttl 1 ack".
 std::string packet_text(const Packet &packet);
 

@@ -96,6 +96,13 @@ std::string result_text(uint32_t result) {
     return text.empty() ? "no action" : text;
 }
 
+std::string verdict_text(const Verdict &verdict) {
+    std::string text = result_text(verdict.result);
+    if (verdict.rule)
+        text.append(" by rule ").append(std::to_string(verdict.rule));
+    return text;
+}
+
 std::string packet_text(const Packet &packet) {
     const acl_info &p = packet.info;
     const bool ports = p.proto == 6 || p.proto == 17;

@@ -102,14 +102,6 @@ void add_packet(cJSON *to, const Packet &packet) {
     add_bool(item, "later-fragment", packet.frag);
 }
 
-// "deny by rule 2" or "no rule matches".
-std::string verdict_text(const Verdict &verdict) {
-    std::string text = analysis::result_text(verdict.result);
-    if (verdict.rule)
-        text.append(" by rule ").append(std::to_string(verdict.rule));
-    return text;
-}
-
 std::string counted(size_t count, const char *noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
@@ -186,22 +178,8 @@ int diff(const Named &a, const Named &b, size_t limit, bool json) {
         print(out);
         return equal ? 0 : kFound;
     }
-    if (equal) {
-        std::cout << a.name << " and " << b.name << " decide every packet alike\n";
-        return 0;
-    }
-    for (const auto &change : difference.changes)
-        std::cout << analysis::region_text(change.region) << "\n    for one, "
-                  << analysis::packet_text(change.witness) << ": " << verdict_text(change.before)
-                  << ", then " << verdict_text(change.after) << '\n';
-    if (!difference.complete)
-        std::cout << "... and more" << (difference.share ? "; --limit shows them\n" : "\n");
-    std::cout << a.name << " to " << b.name << ": the verdict of ";
-    if (difference.share)
-        std::cout << percent(*difference.share) << " of all packets changes\n";
-    else
-        std::cout << "packets changes; the lists are too complex to find them all\n";
-    return kFound;
+    tell_difference(a.name, b.name, difference);
+    return equal ? 0 : kFound;
 }
 
 int equal(const Named &a, const Named &b, bool json) {
@@ -222,8 +200,8 @@ int equal(const Named &a, const Named &b, bool json) {
         print(out);
     } else if (witness) {
         std::cout << a.name << " and " << b.name << " differ: " << analysis::packet_text(*witness)
-                  << ": " << verdict_text(before) << " of " << a.name << ", " << verdict_text(after)
-                  << " of " << b.name << '\n';
+                  << ": " << analysis::verdict_text(before) << " of " << a.name << ", "
+                  << analysis::verdict_text(after) << " of " << b.name << '\n';
     } else {
         std::cout << a.name << " and " << b.name << " decide every packet alike\n";
     }
@@ -259,8 +237,8 @@ int merge(const Named &list, bool json) {
               << '\n';
     if (merged.witness)
         std::cout << "the merged copy decides otherwise: " << analysis::packet_text(*merged.witness)
-                  << ": " << verdict_text(merged.before) << " of the list, "
-                  << verdict_text(merged.after) << " of the copy\n";
+                  << ": " << analysis::verdict_text(merged.before) << " of the list, "
+                  << analysis::verdict_text(merged.after) << " of the copy\n";
     else
         std::cout << "proved: the merged copy decides every packet as the list does\n";
     return merged.witness ? kFound : 0;
@@ -311,17 +289,12 @@ struct Arguments {
     size_t top = 10;
     bool json = false;
 
-    Configuration configuration(const std::string &from) const {
-        if (from.empty())
-            return {running(), "the service", true};
-        return read_configuration(from);
-    }
     Named first() const { return named(file, a, "first"); }
     Named second() const { return named(against.empty() ? file : against, b, "second"); }
 
   private:
     Named named(const std::string &from, const std::string &name, const char *slot) const {
-        const ipacl &list = read_list(configuration(from), name, slot);
+        const ipacl &list = read_list(configuration_of(from, running), name, slot);
         return {name, &list, analysis::rule_texts(list)};
     }
 };
@@ -339,6 +312,26 @@ int answer(const LocalCommand &command) {
 }
 
 } // namespace
+
+void tell_difference(const std::string &a, const std::string &b,
+                     const analysis::Difference &difference) {
+    if (difference.changes.empty() && difference.complete) {
+        std::cout << a << " and " << b << " decide every packet alike\n";
+        return;
+    }
+    for (const auto &change : difference.changes)
+        std::cout << analysis::region_text(change.region) << "\n    for one, "
+                  << analysis::packet_text(change.witness) << ": "
+                  << analysis::verdict_text(change.before) << ", then "
+                  << analysis::verdict_text(change.after) << '\n';
+    if (!difference.complete)
+        std::cout << "... and more" << (difference.share ? "; --limit shows them\n" : "\n");
+    std::cout << a << " to " << b << ": the verdict of ";
+    if (difference.share)
+        std::cout << percent(*difference.share) << " of all packets changes\n";
+    else
+        std::cout << "packets changes; the lists are too complex to find them all\n";
+}
 
 void add_analysis_commands(CLI::App &app, std::function<std::string()> running,
                            LocalCommand &chosen) {

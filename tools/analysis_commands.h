@@ -5,6 +5,8 @@
 // that is disproved), 2 no answer.
 #pragma once
 
+#include "analysis/analysis.h"
+
 #include <CLI/CLI.hpp>
 
 #include <functional>
@@ -18,5 +20,9 @@ using LocalCommand = std::function<int()>;
 // chosen is stored in `chosen`.
 void add_analysis_commands(CLI::App &app, std::function<std::string()> running,
                            LocalCommand &chosen);
+
+// Writes what changes from a list called `a` to one called `b`.
+void tell_difference(const std::string &a, const std::string &b,
+                     const analysis::Difference &difference);
 
 } // namespace ipaclctl

@@ -52,17 +52,10 @@ class Answers {
     size_t size_ = 0;
 };
 
-std::string trimmed(const std::string &line) {
-    const size_t first = line.find_first_not_of(" \t\r");
-    if (first == std::string::npos)
-        return "";
-    return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-}
-
 class Reader {
   public:
-    Reader(const Configuration &from, const std::string &name, const char *slot)
-        : from_(from), name_(name), slot_(slot) {}
+    Reader(const Configuration &from, const std::string &name, const char *slot, size_t *refused)
+        : from_(from), name_(name), slot_(slot), refused_(refused) {}
 
     const ipacl &read() {
         std::istringstream in(from_.text);
@@ -122,8 +115,9 @@ class Reader {
         if (is_held(findings, from_.running ? Strictness::kForced : Strictness::kFile))
             return refuse(findings);
         Answers answers;
-        const int result = list_->is_standard ? do_standard_end(slot_, line.c_str())
-                                              : do_extended_end(slot_, line.c_str());
+        const std::string command = from_.running ? command_of_shown(line) : line;
+        const int result = list_->is_standard ? do_standard_end(slot_, command.c_str())
+                                              : do_extended_end(slot_, command.c_str());
         std::string wrong = answers.take();
         if (wrong.empty() && result != 0)
             wrong = "the interface that it names is not to be found here";
@@ -149,15 +143,15 @@ class Reader {
     void refuse(const std::string &wrong, size_t column = 0) {
         if (from_.running)
             throw Trouble("the list " + name_ + " can't be read back: " + wrong);
-        std::cerr << from_.source << ':' << number_;
-        if (column)
-            std::cerr << ':' << column;
-        std::cerr << ": " << wrong << '\n';
+        tell_wrong(from_.source, number_, column, wrong);
+        if (refused_)
+            ++*refused_;
     }
 
     const Configuration &from_;
     const std::string &name_;
     const char *slot_;
+    size_t *refused_;
     size_t number_ = 0;
     ipacl *list_ = nullptr;
     bool open_ = false;
@@ -179,9 +173,30 @@ Configuration read_configuration(const std::string &file) {
     return {text.str(), file, false};
 }
 
+Configuration configuration_of(const std::string &file,
+                               const std::function<std::string()> &running) {
+    return file.empty() ? Configuration{running(), "the service", true} : read_configuration(file);
+}
+
+std::string trimmed(const std::string &line) {
+    const size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos)
+        return "";
+    return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
+}
+
+std::string command_of_shown(const std::string &line) {
+    constexpr std::string_view kShown = " ftp-data";
+    std::string command = line;
+    for (size_t at = 0; (at = command.find(kShown, at)) != std::string::npos; at++)
+        if (at + kShown.size() == command.size() || command[at + kShown.size()] == ' ')
+            command.replace(at, kShown.size(), " 20");
+    return command;
+}
+
 const ipacl &read_list(const Configuration &configuration, const std::string &name,
-                       const char *slot) {
-    return Reader(configuration, name, slot).read();
+                       const char *slot, size_t *refused) {
+    return Reader(configuration, name, slot, refused).read();
 }
 
 } // namespace ipaclctl

@@ -1,15 +1,14 @@
 #include "loader.h"
 
+#include "progress.h"
 #include "strict.h"
 
 #include "ipacl/ipacl.h"
 #include "ipacl/obj_ipacl.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <functional>
-#include <unistd.h>
 #include <vector>
 
 namespace ipaclctl {
@@ -44,43 +43,6 @@ std::string complaint(const Reply &reply) {
     return reply.status ? std::string("the service refused it: ") + ubus_strerror(reply.status)
                         : std::string();
 }
-
-// A bar on a terminal for what takes longer than a second.
-class Progress {
-  public:
-    explicit Progress(size_t total) : total_(total), shown_(false), terminal_(isatty(2) == 1) {}
-    ~Progress() {
-        if (shown_)
-            (void)fputs("\r\033[K", stderr);
-    }
-    Progress(const Progress &) = delete;
-    Progress &operator=(const Progress &) = delete;
-
-    void at(size_t done) {
-        using namespace std::chrono;
-        const auto now = steady_clock::now();
-        if (!terminal_ || now - start_ < seconds(1) || now - last_ < milliseconds(100))
-            return;
-        constexpr size_t kWidth = 40;
-        const std::string bar(total_ ? kWidth * done / total_ : kWidth, '#');
-        (void)fprintf(stderr, "\r[%-40s] %zu of %zu lines", bar.c_str(), done, total_);
-        (void)fflush(stderr);
-        last_ = now;
-        shown_ = true;
-    }
-    // Clears the line for a message.
-    void make_way() {
-        if (shown_)
-            (void)fputs("\r\033[K", stderr);
-    }
-
-  private:
-    size_t total_;
-    bool shown_;
-    bool terminal_;
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-    std::chrono::steady_clock::time_point last_{};
-};
 
 // Plays lines one after the other. Rules are sent without waiting for the answers; whatever else a
 // line asks for waits until the rules before it have theirs.
@@ -240,13 +202,10 @@ LoadResult load(Service &service, std::istream &in, const std::string &source, b
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    Progress progress(lines.size());
+    Progress progress(lines.size(), "lines");
     Player player(service, force, [&](size_t number, size_t column, const std::string &wrong) {
         progress.make_way();
-        (void)fprintf(stderr, "%s:%zu", source.c_str(), number);
-        if (column)
-            (void)fprintf(stderr, ":%zu", column);
-        (void)fprintf(stderr, ": %s\n", first_line(wrong).c_str());
+        tell_wrong(source, number, column, first_line(wrong));
     });
     for (size_t i = 0; i < lines.size(); i++) {
         player.play(i + 1, lines[i]);

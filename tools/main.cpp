@@ -3,8 +3,15 @@
 // Exit status: 0 done; 1 refused or failed; 2 wrong usage, or nobody to ask.
 
 #include "analysis_commands.h"
+#include "apply.h"
 #include "commands.h"
+#include "confirm.h"
+#include "explain.h"
+#include "import.h"
 #include "lint.h"
+#include "list_source.h"
+#include "ranges.h"
+#include "replay.h"
 #include "save.h"
 #include "shell.h"
 
@@ -91,9 +98,7 @@ class CommandLine {
                             [this](Service &s) { return watch(s, a_.count); });
         watched->add_option("--count", a_.count, "end after so many");
 #ifdef IPACL_ANALYSIS
-        add_analysis_commands(
-            app_, [this] { return Service(a_.socket, a_.timeout).text("showrunning", Request()); },
-            local_command_);
+        add_answers();
 #endif
     }
 
@@ -106,6 +111,9 @@ class CommandLine {
             return command_ ? command_(service) : run_shell(service, a_.force);
         } catch (const CLI::ParseError &error) {
             return app_.exit(error) == 0 ? 0 : 2;
+        } catch (const Trouble &error) {
+            std::cerr << "ipaclctl: " << error.what() << '\n';
+            return 2;
         } catch (const Unreachable &error) {
             std::cerr << "ipaclctl: " << error.what() << '\n';
             return 2;
@@ -133,6 +141,30 @@ class CommandLine {
             local_command_ = [this] { return lint(a_.file, a_.format, a_.warnings_count); };
         });
     }
+#ifdef IPACL_ANALYSIS
+    // What works on lists in this process.
+    void add_answers() {
+        auto *applied = add("apply", "make the lists of a configuration what it says",
+                            [this](Service &s) { return apply(s, apply_); });
+        applied->add_option("file", apply_.file)->required();
+        applied->add_flag("--dry-run", apply_.dry_run, "only show what would change");
+        applied
+            ->add_option("--confirm", apply_.confirm,
+                         "put the old lists back after so many seconds, unless confirmed")
+            ->check(CLI::Range(1, 24 * 60 * 60));
+        applied->add_option("--limit", apply_.limit, "show at most so many regions of a list")
+            ->check(CLI::PositiveNumber);
+        add("confirm", "keep what \"apply --confirm\" has applied", confirm);
+        const auto running = [this] {
+            return Service(a_.socket, a_.timeout).text("showrunning", Request());
+        };
+        add_analysis_commands(app_, running, local_command_);
+        add_explain_command(app_, running, local_command_);
+        add_replay_command(app_, running, local_command_);
+        add_ranges_command(app_, local_command_);
+        add_import_command(app_, local_command_);
+    }
+#endif
     void force(CLI::App *sub) {
         sub->add_flag("-f,--force", a_.force, "send what strict reading holds back");
     }
@@ -149,6 +181,7 @@ class CommandLine {
 
     CLI::App app_{"Talks to a running IPv4 access-list service.", "ipaclctl"};
     Arguments a_;
+    Apply apply_;
     Command command_;
     LocalCommand local_command_; // asks the service only if it has to
 };

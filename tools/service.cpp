@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <poll.h>
 #include <random>
 #include <sstream>
 #include <time.h>
@@ -182,7 +183,14 @@ int Service::try_call(const char *method, const Request &request, Reply &reply) 
 // True when the reply never came.
 bool Service::lost(const Reply &reply) const {
     return reply.status == UBUS_STATUS_CONNECTION_FAILED || reply.status == UBUS_STATUS_NOT_FOUND ||
-           reply.status == UBUS_STATUS_TIMEOUT || ctx_->sock.eof;
+           reply.status == UBUS_STATUS_TIMEOUT || ctx_->sock.eof ||
+           (reply.status == UBUS_STATUS_INVALID_ARGUMENT && hung_up());
+}
+
+// A connection that broke while nobody looked: a request can't be sent, and that is all one hears.
+bool Service::hung_up() const {
+    pollfd socket{ctx_->sock.fd, POLLIN, 0};
+    return poll(&socket, 1, 0) == 1 && (socket.revents & (POLLHUP | POLLERR));
 }
 
 Reply Service::call(const char *method, const Request &request) {

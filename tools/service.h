@@ -46,6 +46,9 @@ class Service {
     Service(const Service &) = delete;
     Service &operator=(const Service &) = delete;
 
+    // The socket of the bus; empty: the bus's own place.
+    const std::string &path() const { return path_; }
+
     // Calls a method. When the bus or the service goes away, waits a while for it to come back
     // and asks once more.
     Reply call(const char *method, const Request &request);
@@ -89,6 +92,7 @@ class Service {
 
     void connect();
     bool lost(const Reply &reply) const;
+    bool hung_up() const;
     void finish_oldest();
     bool find_service();
     bool come_back();

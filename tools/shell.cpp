@@ -353,10 +353,7 @@ void Shell::say(const std::string &text, size_t column) {
         return;
     }
     std::cout.flush();
-    std::cerr << "stdin:" << number_ << ':';
-    if (column)
-        std::cerr << column << ':';
-    std::cerr << ' ' << text << '\n';
+    tell_wrong("stdin", number_, column, text);
 }
 
 // Says what was found, once. What was found in a line that is sent all the same is a warning.

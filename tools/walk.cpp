@@ -3,6 +3,7 @@
 #include "ipacl/acl_words.h"
 
 #include <algorithm>
+#include <iostream>
 
 namespace ipaclctl {
 namespace {
@@ -71,6 +72,13 @@ std::string one_of(const Choices &choices) {
         text += choices[i].word;
     }
     return text;
+}
+
+void tell_wrong(const std::string &source, size_t line, size_t column, const std::string &text) {
+    std::cerr << source << ':' << line;
+    if (column)
+        std::cerr << ':' << column;
+    std::cerr << ": " << text << '\n';
 }
 
 Walk::Walk(std::string_view line, Reading reading) : line_(line), reading_(reading) {

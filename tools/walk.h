@@ -52,6 +52,9 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+// Writes "SOURCE:LINE: TEXT" or, with a column, "SOURCE:LINE:COLUMN: TEXT" to standard error.
+void tell_wrong(const std::string &source, size_t line, size_t column, const std::string &text);
+
 // One way to go on with a line: a word, or a value that is shown by a placeholder.
 struct Choice {
     enum What { kWord, kValue, kListName, kInterfaceName };
