@@ -45,8 +45,8 @@ touch 'office.conf' 'branch office.conf'
 
 complete -p ipaclctl | grep -q -- '-F _ipaclctl ipaclctl' || fail "nothing is registered"
 
-offers "create destroy diff equal json lint load merge plan rule running-config save show unreachable watch" ""
-offers "rule running-config" r
+offers "apply confirm create destroy diff equal explain import json lint load merge plan ranges replay rule running-config save show unreachable watch" ""
+offers "ranges replay rule running-config" r
 offers "save show" s
 offers "" nonsense
 offers "--force --help --socket --timeout --version" -
@@ -54,7 +54,7 @@ offers "show" -t 5 sh
 offers "show" --timeout=5 sh
 offers "" -t ""
 
-for command in show json destroy rule; do
+for command in show json destroy rule explain; do
     offers 'a\ name guest-in mgmt-hosts mgmt-out' "$command" ""
     offers "mgmt-hosts mgmt-out" "$command" mgmt
     offers "" "$command" nolist
@@ -78,6 +78,18 @@ offers "office.conf" save o
 offers "" load office.conf o
 offers "office.conf" -s o
 offers "" running-config ""
+for command in apply import ranges replay; do
+    offers "office.conf" "$command" o
+    offers "" "$command" office.conf o
+done
+offers "guest-in" replay office.conf --list g
+offers "guest-in" replay office.conf --list mgmt-out --against g
+offers "office.conf" diff --against o
+offers "guest-in" diff mgmt-out g
+offers "" diff mgmt-out guest-in g
+offers "office.conf" explain --file o
+offers "guest-in" explain --file office.conf g
+offers "" apply --confirm 6
 
 # Every command and every long option that the tool has.
 commands=$(ipaclctl --help | sed -n '/^Subcommands:/,$ s/^  \([a-z][a-z-]*\) .*/\1/p')
@@ -86,8 +98,12 @@ for command in "" $commands; do
     [ -z "$command" ] || offers "$command" "$command"
     # shellcheck disable=SC2086
     for option in $(ipaclctl $command --help | grep '^  -' | grep -o -e '--[a-z-]*'); do
+        # One option may be the beginning of another.
         # shellcheck disable=SC2086
-        offers "$option" $command "$option"
+        case " $(offered $command "$option") " in
+        *" $option "*) checks=$((checks + 1)) ;;
+        *) offers "$option" $command "$option" ;;
+        esac
     done
 done
 
