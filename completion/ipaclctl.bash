@@ -20,7 +20,8 @@ _ipaclctl() {
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((++i < COMP_CWORD)) && service=(--socket "${COMP_WORDS[i]}")
             ;;
-        -t | --timeout | --type | --count | --file | --against | --format | --limit | --top)
+        -t | --timeout | --type | --count | --file | --against | --against-file | --list | --limit | \
+            --confirm | --format | --name | --top)
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((i++))
             ;;
@@ -37,29 +38,38 @@ _ipaclctl() {
     fi
 
     case $previous in
-    -s | --socket | --file | --against) files=1 ;;
-    -t | --timeout | --count | --limit | --top) return ;;
+    -s | --socket | --file | --against-file) files=1 ;;
+    -t | --timeout | --count | --limit | --confirm | --name | --top) return ;;
+    --list) lists=1 ;;
+    --against) if [[ $command == replay ]]; then lists=1; else files=1; fi ;;
     --format) choices=$'json\nsarif\ntext' ;;
     --type) choices=$'standard\nextended' ;;
     *)
         case $command:$word in
         :-*) choices=$'--force\n--help\n--socket\n--timeout\n--version' ;;
         :*)
-            choices=$'create\ndestroy\ndiff\nequal\njson\nlint\nload\nmerge\nplan\nrule'
-            choices+=$'\nrunning-config\nsave\nshow\nunreachable\nwatch'
+            choices=$'apply\nconfirm\ncreate\ndestroy\ndiff\nequal\nexplain\nimport\njson\nlint\n'
+            choices+=$'load\nmerge\nplan\nranges\nreplay\nrule\nrunning-config\nsave\nshow\n'
+            choices+=$'unreachable\nwatch'
             ;;
         lint:-*) choices=$'--format\n--help\n--warnings-as-errors' ;;
         load:-*) choices=$'--force\n--help\n--verbose' ;;
         rule:-*) choices=$'--force\n--help' ;;
         create:-* | destroy:-* | json:-*) choices=$'--help\n--type' ;;
         watch:-*) choices=$'--count\n--help' ;;
-        unreachable:-* | merge:-*) choices=$'--file\n--help\n--json' ;;
-        equal:-*) choices=$'--against\n--file\n--help\n--json' ;;
+        apply:-*) choices=$'--confirm\n--dry-run\n--help\n--limit' ;;
+        explain:-*) choices=$'--file\n--help\n--hex' ;;
+        replay:-*) choices=$'--against\n--against-file\n--file\n--help\n--limit\n--list' ;;
+        ranges:-*) choices=$'--any-mask\n--deny\n--help\n--name' ;;
         diff:-*) choices=$'--against\n--file\n--help\n--json\n--limit' ;;
+        equal:-*) choices=$'--against\n--file\n--help\n--json' ;;
+        merge:-* | unreachable:-*) choices=$'--file\n--help\n--json' ;;
         plan:-*) choices=$'--file\n--help\n--json\n--top' ;;
         *:-*) choices=--help ;;
-        lint:* | load:* | save:*) ((positions == 0)) && files=1 ;;
-        destroy:* | json:* | merge:* | plan:* | rule:* | show:* | unreachable:*)
+        apply:* | import:* | lint:* | load:* | ranges:* | replay:* | save:*)
+            ((positions == 0)) && files=1
+            ;;
+        destroy:* | explain:* | json:* | merge:* | plan:* | rule:* | show:* | unreachable:*)
             ((positions == 0)) && lists=1
             ;;
         diff:* | equal:*) ((positions < 2)) && lists=1 ;;

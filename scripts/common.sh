@@ -127,7 +127,7 @@ report() {
     [ "$failed" -eq 0 ]
 }
 
-build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev libbdd-dev libedit-dev"
+build_packages="g++ cmake make pkg-config libcjson-dev libcli11-dev libbdd-dev libedit-dev libpcap-dev"
 manual_packages="man-db groff-base mandoc"
 arm_packages="g++-arm-linux-gnueabihf libcjson-dev:armhf libedit2:armhf libstdc++6:armhf googletest qemu-user"
 lint_packages="clang-tidy-14 clang-format-14 cppcheck"
