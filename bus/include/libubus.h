@@ -155,6 +155,8 @@ void ubus_shutdown(struct ubus_context *ctx);
 /* Connects again and registers all objects again, with new ids. 0, or a status. */
 int ubus_reconnect(struct ubus_context *ctx, const char *path);
 void ubus_add_uloop(struct ubus_context *ctx);
+/* For loops of other makes: when the socket is readable, and once after calls that wait, for what
+ * came meanwhile. */
 void ubus_handle_event(struct ubus_context *ctx);
 const char *ubus_strerror(int error);
 

@@ -63,17 +63,6 @@ bool make_room(ubus_context *ctx, size_t wanted) {
 
 bool is_answer(uint8_t type) { return type == UBUS_MSG_STATUS || type == UBUS_MSG_DATA; }
 
-void serve(ubus_context *ctx, Queued *message) {
-    if (is_answer(message->header.type)) {
-        handle_answer(ctx, message->header, message->root());
-    } else {
-        ctx->stack_depth++;
-        handle_call(ctx, message->header, message->root());
-        ctx->stack_depth--;
-    }
-    free(message);
-}
-
 // The length of the message at the front of the inbox, header included; 0 while that is not known.
 // What can't be a message is skipped.
 size_t front_length(Inbox *box) {
@@ -115,13 +104,31 @@ Queued *next_message(ubus_context *ctx) {
     return message;
 }
 
+// Serves the calls that have queued, in order, unless one is served already or an answer is waited
+// for: whoever does that sees to them afterwards.
+void serve_queued(ubus_context *ctx) {
+    while (!busy(ctx) && !list_empty(&ctx->pending)) {
+        auto *message = list_first_entry(&ctx->pending, Queued, list);
+        list_del(&message->list);
+        ctx->stack_depth++;
+        handle_call(ctx, message->header, message->root());
+        ctx->stack_depth--;
+        free(message);
+    }
+}
+
 void handle_messages(ubus_context *ctx) {
+    serve_queued(ctx);
     while (Queued *message = next_message(ctx)) {
-        if (busy(ctx) && !is_answer(message->header.type)) {
-            list_add_tail(&message->list, &ctx->pending);
+        // Handling this one may run the loop, which the socket does not tell of what is read.
+        if (has_message(ctx) && !ctx->pending_timer.pending)
             uloop_timeout_set(&ctx->pending_timer, 0);
+        if (is_answer(message->header.type)) {
+            handle_answer(ctx, message->header, message->root());
+            free(message);
         } else {
-            serve(ctx, message);
+            list_add_tail(&message->list, &ctx->pending);
+            serve_queued(ctx);
         }
     }
     if (has_message(ctx))
@@ -130,11 +137,7 @@ void handle_messages(ubus_context *ctx) {
 
 void serve_pending(uloop_timeout *timer) {
     auto *ctx = container_of(timer, ubus_context, pending_timer);
-    while (!busy(ctx) && !list_empty(&ctx->pending)) {
-        auto *message = list_first_entry(&ctx->pending, Queued, list);
-        list_del(&message->list);
-        serve(ctx, message);
-    }
+    serve_queued(ctx);
     if (has_message(ctx))
         receive(ctx, 0);
 }

@@ -196,7 +196,7 @@ int ubus_complete_request(ubus_context *ctx, ubus_request *req, int timeout) {
         receive(ctx, static_cast<int>(left));
     }
     ctx->stack_depth--;
-    if (!list_empty(&ctx->pending))
+    if (!busy(ctx) && !list_empty(&ctx->pending))
         uloop_timeout_set(&ctx->pending_timer, 0);
     if (req->status_msg)
         return req->status_code;
