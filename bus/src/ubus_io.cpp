@@ -138,7 +138,7 @@ void handle_messages(ubus_context *ctx) {
 void serve_pending(uloop_timeout *timer) {
     auto *ctx = container_of(timer, ubus_context, pending_timer);
     serve_queued(ctx);
-    if (has_message(ctx))
+    if (has_message(ctx) || ctx->sock.error)
         receive(ctx, 0);
 }
 
@@ -169,6 +169,8 @@ bool read_some(ubus_context *ctx) {
 }
 
 void lose(ubus_context *ctx) {
+    if (ctx->cancel_poll)
+        return; // a handler has waited, and seen it
     uloop_fd_delete(&ctx->sock);
     ctx->sock.eof = true;
     ctx->cancel_poll = true;
@@ -179,9 +181,11 @@ void lose(ubus_context *ctx) {
 }
 
 // The loop lets go of a connection that has ended, and nothing tells of it again: what is left in
-// it is read up to the end.
+// it is read up to the end, here or in the loop of a handler.
 void on_socket(uloop_fd *u, unsigned int) {
     auto *ctx = container_of(u, ubus_context, sock);
+    if (u->error)
+        uloop_timeout_set(&ctx->pending_timer, 0);
     while (receive(ctx, 0) && u->error) {
     }
 }

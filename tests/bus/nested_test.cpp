@@ -201,6 +201,25 @@ TEST_F(Nested, ALateCallIsNotServedBeforeAnEarlierOne) {
     EXPECT_EQ(served, "ab");
 }
 
+TEST_F(Nested, TheEndOfTheConnectionBehindACallReachesTheLoopOfItsHandlerOnce) {
+    static int lost;
+    static bool failed;
+    lost = 0;
+    failed = false;
+    ctx->connection_lost = [](ubus_context *) { lost++; };
+    ubus_request request;
+    ASSERT_EQ(ubus_invoke_async(ctx, 9, "m", nullptr, &request), 0);
+    request.complete_cb = [](ubus_request *, int) { failed = true; };
+    ubus_complete_request_async(ctx, &request);
+    within = [] { EXPECT_TRUE(await([] { return failed; })); };
+    say(call("wait"));
+    shutdown(peer_, SHUT_RDWR);
+    EXPECT_TRUE(await([] { return lost > 0; }));
+    run_passes();
+    EXPECT_EQ(lost, 1);
+    EXPECT_EQ(served, "()");
+}
+
 TEST_F(Nested, WhatIsQueuedWhenTheConnectionEndsIsDropped) {
     ctx->connection_lost = nullptr;
     expect_served("()", [this] {
