@@ -151,9 +151,12 @@ void drop_pending(ubus_context *ctx) {
     }
 }
 
+// False when the time is over. A signal may end the wait before that: whoever waits looks whether
+// there is something, and waits again for the time that is left.
 bool wait_for(int fd, short events, int timeout) {
     pollfd p{fd, events, 0};
-    return poll(&p, 1, timeout) > 0;
+    const int ready = poll(&p, 1, timeout);
+    return ready > 0 || (ready < 0 && errno == EINTR);
 }
 
 // Reads what has arrived. False when the connection is gone.

@@ -29,9 +29,11 @@ class Client : public testing::Test {
         rmdir(directory_.c_str());
     }
 
-    // Connects to a broker that greets, then does `speak` with its end, and hangs up.
-    void connect(const std::function<void(int)> &speak) {
-        broker_ = std::thread([this, speak] {
+    // Connects to a broker that does `begin`, greets, then does `speak` with its end, and hangs up.
+    void connect(
+        const std::function<void(int)> &speak, const std::function<void()> &begin = [] {}) {
+        broker_ = std::thread([this, speak, begin] {
+            begin();
             const int fd = accept(listener_, nullptr, nullptr);
             write_bytes(fd, from_hex("000000000000100000000004"));
             greeted_.get_future().wait();
