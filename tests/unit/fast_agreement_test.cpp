@@ -5,6 +5,7 @@
 
 #include "acl_form.h"
 #include "bench/rule_sets.h"
+#include "linear_answer.h"
 #include "rules.h"
 
 #include <cinttypes>
@@ -35,17 +36,6 @@ struct Question {
     }
 };
 
-acl_fast_answer linear(const ipacl &list, const acl_info &packet, int frag) {
-    if (list.is_standard == 1) {
-        const auto *rule = ipacl_match_standard(list.ipacl_s, &packet);
-        return {ipacl_check_standard(&packet, &list),
-                rule ? static_cast<uint32_t>(rule - list.ipacl_s) + 1 : 0};
-    }
-    const auto *rule = ipacl_match_extended(list.ipacl_e, &packet, frag);
-    return {ipacl_check_extended(&packet, &list, frag),
-            rule ? static_cast<uint32_t>(rule - list.ipacl_e) + 1 : 0};
-}
-
 // The answers of the library's own choice of a walk; every other walk must give the same.
 std::vector<acl_fast_answer> ask(const acl_fast &form, const Question &question) {
     const size_t count = question.packets.size();
@@ -58,10 +48,7 @@ std::vector<acl_fast_answer> ask(const acl_fast &form, const Question &question)
         for (size_t i = 0; i < count; i += aclfast::kTogether)
             walk(form, {&question.packets[i], &question.frags[i],
                         std::min(aclfast::kTogether, count - i), &others[i]});
-        EXPECT_TRUE(std::equal(answers.begin(), answers.end(), others.begin(),
-                               [](const acl_fast_answer &a, const acl_fast_answer &b) {
-                                   return a.rule == b.rule && a.result == b.result;
-                               }));
+        EXPECT_TRUE(std::equal(answers.begin(), answers.end(), others.begin(), same_answer));
     }
     return answers;
 }
@@ -76,7 +63,7 @@ uint64_t compare(const ipacl &list, const Question &question) {
     const auto answers = ask(*form, question);
     uint64_t decided = 0;
     for (size_t i = 0; i < answers.size() && !testing::Test::HasFailure(); i++) {
-        const acl_fast_answer right = linear(list, question.packets[i], question.frags[i]);
+        const acl_fast_answer right = linear_answer(list, question.packets[i], question.frags[i]);
         EXPECT_EQ(answers[i].rule, right.rule);
         EXPECT_EQ(answers[i].result, right.result);
         if (i % 8 == 0) {
