@@ -164,6 +164,7 @@ void Sink::address(in_addr address) {
     text({dotted, write_dotted(dotted, address)});
 }
 
+// cppcheck-suppress uninitMemberVar // only the used part of the buffer is ever read
 TerminalSink::TerminalSink()
     : Sink(
           [](Sink &self, std::string_view token) {

@@ -158,6 +158,7 @@ class Finder {
 template <size_t most>
 class Walker {
   public:
+    // cppcheck-suppress uninitMemberVar // rows are found before they are read
     Walker(const acl_fast &form, const Batch &batch)
         : form_(form), batch_(batch), columns_(form.columns.size()),
           references_(form.references.data()), pages_(form.pages.data()) {}

@@ -305,7 +305,7 @@ class Undisturbed {
     }
     ~Undisturbed() {
         for (size_t i = 0; i < std::size(kSignals); i++)
-            signal(kSignals[i], old_[i]);
+            (void)signal(kSignals[i], old_[i]);
     }
     Undisturbed(const Undisturbed &) = delete;
     Undisturbed &operator=(const Undisturbed &) = delete;
@@ -350,7 +350,7 @@ class Editing {
 std::string make(Service &service, const std::string &name, const State &from, const State &to) {
     const bool anew = from && (!to || from->kind != to->kind);
     if (anew)
-        if (const std::string wrong = destroy_list(service, name, from->kind); !wrong.empty())
+        if (std::string wrong = destroy_list(service, name, from->kind); !wrong.empty())
             return wrong;
     if (!to)
         return "";

@@ -64,8 +64,8 @@ Confirmation::Confirmation(const std::string &socket) : ctx_(connect(socket)) {
         throw Trouble("another \"apply\" waits to be confirmed");
     }
     // Whoever cut himself off must find the old lists, or be able to confirm from elsewhere.
-    signal(SIGHUP, SIG_IGN);
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGHUP, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
 }
 
 Confirmation::~Confirmation() { ubus_free(ctx_); }

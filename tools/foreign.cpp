@@ -98,7 +98,7 @@ std::optional<uint16_t> protocol(const std::string &word) {
 }
 
 std::optional<in_addr> address(const std::string &word) {
-    in_addr value;
+    in_addr value{};
     return inet_pton(AF_INET, word.c_str(), &value) == 1 ? std::optional(value) : std::nullopt;
 }
 
@@ -411,8 +411,8 @@ class FileReader {
         const auto is = [&](size_t at, const char *word) {
             return words.size() > at && words[at] == word;
         };
-        if (words.size() == 4 && is(0, "ip") && is(1, "access-list") &&
-            (is(2, "standard") || is(2, "extended")))
+        if (words.size() == 4 && words[0] == "ip" && words[1] == "access-list" &&
+            (words[2] == "standard" || words[2] == "extended"))
             open_ = list(words[3], words[2] == "standard");
         else if (is(0, "access-list") && words.size() > 2 && standard_number(words[1]))
             rule(list(words[1], *standard_number(words[1])), line,

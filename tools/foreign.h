@@ -13,7 +13,7 @@ namespace ipaclctl {
 using Record = std::variant<ipacl_standard_rule, ipacl_extended_rule>;
 
 struct ForeignRule {
-    size_t line;
+    size_t line = 0;
     std::string text;
     bool remark = false;
     bool denies_by_port = false;

@@ -127,7 +127,7 @@ std::string uri_of(const std::string &file) {
             uri += c;
             continue;
         }
-        snprintf(escaped, sizeof escaped, "%%%02X", static_cast<unsigned char>(c));
+        (void)snprintf(escaped, sizeof escaped, "%%%02X", static_cast<unsigned char>(c));
         uri += escaped;
     }
     return uri;

@@ -26,17 +26,17 @@ class Progress {
         constexpr size_t kWidth = 40;
         const std::string bar(total_ ? kWidth * std::min(done, total_) / total_ : 0, '#');
         if (total_)
-            fprintf(stderr, "\r[%-40s] %zu of %zu %s", bar.c_str(), done, total_, noun_);
+            (void)fprintf(stderr, "\r[%-40s] %zu of %zu %s", bar.c_str(), done, total_, noun_);
         else
-            fprintf(stderr, "\r%zu %s", done, noun_);
-        fflush(stderr);
+            (void)fprintf(stderr, "\r%zu %s", done, noun_);
+        (void)fflush(stderr);
         last_ = now;
         shown_ = true;
     }
     // Clears the line, for a message or for good.
     void make_way() {
         if (shown_)
-            fputs("\r\033[K", stderr);
+            (void)fputs("\r\033[K", stderr);
     }
 
   private:

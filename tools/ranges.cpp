@@ -18,7 +18,7 @@ namespace ipaclctl {
 namespace {
 
 uint32_t number_of(const std::string &text) {
-    in_addr address;
+    in_addr address{};
     if (inet_pton(AF_INET, text.c_str(), &address) != 1)
         throw Trouble("\"" + text + "\" is no address");
     return ntohl(address.s_addr);
@@ -162,7 +162,8 @@ AddressRange range_of_line(const std::string &line) {
 
 std::vector<Block> blocks_of(std::vector<AddressRange> ranges, bool any_mask) {
     Blocks blocks;
-    for (AddressRange range : united(std::move(ranges))) {
+    ranges = united(std::move(ranges));
+    for (AddressRange range : ranges) {
         if (range.last == UINT32_MAX) {
             blocks.insert({UINT32_MAX, UINT32_MAX});
             if (range.first == range.last)

@@ -510,7 +510,7 @@ bool Shell::at_end() {
 
 int Shell::run_terminal() {
     // When the terminal goes, reading ends and the list that is open is left.
-    signal(SIGHUP, SIG_IGN);
+    (void)signal(SIGHUP, SIG_IGN);
     LineEditor editor({[this] { return prompt(); },
                        [this](const std::string &text) { return help(text); },
                        [this](const std::string &text) { return complete(text); }});

@@ -165,7 +165,7 @@ std::string dotted(uint32_t address) {
 
 // True for four decimal numbers as they are written back.
 bool is_address(const std::string &text) {
-    in_addr address;
+    in_addr address{};
     return inet_pton(AF_INET, text.c_str(), &address) == 1 && dotted(ntohl(address.s_addr)) == text;
 }
 

@@ -49,8 +49,8 @@ struct LineEditor::State {
 
     static unsigned char on_help(EditLine *editor, int) {
         const State &state = of(editor);
-        printf("?\n%s", state.habits.help(state.typed()).c_str());
-        fflush(stdout);
+        (void)printf("?\n%s", state.habits.help(state.typed()).c_str());
+        (void)fflush(stdout);
         return CC_REDISPLAY;
     }
 
@@ -65,11 +65,11 @@ struct LineEditor::State {
             more += ' ';
         if (!more.empty())
             return el_insertstr(editor, more.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
-        putchar('\n');
+        (void)putchar('\n');
         for (const auto &word : words)
-            printf("  %s", word.c_str());
-        putchar('\n');
-        fflush(stdout);
+            (void)printf("  %s", word.c_str());
+        (void)putchar('\n');
+        (void)fflush(stdout);
         return CC_REDISPLAY;
     }
 
@@ -84,14 +84,14 @@ struct LineEditor::State {
     }
 
     static unsigned char on_abandon(EditLine *editor, int) {
-        printf("^C\n");
-        fflush(stdout);
+        (void)printf("^C\n");
+        (void)fflush(stdout);
         return end_with(editor, "\n");
     }
 
     static unsigned char on_leave(EditLine *editor, int) {
-        printf("^Z\n");
-        fflush(stdout);
+        (void)printf("^Z\n");
+        (void)fflush(stdout);
         return end_with(editor, "end\n");
     }
 };

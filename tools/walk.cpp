@@ -169,15 +169,16 @@ bool Walk::take_if(const Choices &choices, End end) {
 }
 
 void Walk::found(Check check, Severity severity, size_t word, const std::string &text) {
-    size_t column = word < words_.size() ? words_[word].column : 1;
-    if (word >= words_.size() && !words_.empty()) {
+    size_t column = 1;
+    if (word < words_.size())
+        column = words_[word].column;
+    else if (!words_.empty())
         column = line_.find_last_not_of(acl_words::kSeparators) + 2;
-    }
     findings_.push_back({check, severity, column, text});
 }
 
-void Walk::refused(Check check, std::string text) {
-    error(check, std::move(text));
+void Walk::refused(Check check, const std::string &text) {
+    error(check, text);
     findings_.back().hopeless = true;
 }
 

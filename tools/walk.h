@@ -103,10 +103,16 @@ class Walk {
     bool over() const { return over_; }
 
     // A finding about the word that was taken last, or about the next one.
-    void error(Check check, std::string text) { found(check, Severity::kError, at_ - 1, text); }
-    void warning(Check check, std::string text) { found(check, Severity::kWarning, at_ - 1, text); }
-    void error_at_next(Check check, std::string text) { found(check, Severity::kError, at_, text); }
-    void refused(Check check, std::string text); // an error that can't be forced
+    void error(Check check, const std::string &text) {
+        found(check, Severity::kError, at_ - 1, text);
+    }
+    void warning(Check check, const std::string &text) {
+        found(check, Severity::kWarning, at_ - 1, text);
+    }
+    void error_at_next(Check check, const std::string &text) {
+        found(check, Severity::kError, at_, text);
+    }
+    void refused(Check check, const std::string &text); // an error that can't be forced
 
     const Findings &findings() const { return findings_; }
     // What may stand where the line ended; nothing when the walk did not come so far.

