@@ -212,20 +212,19 @@ TEST_F(Tool, WatchTellsWhatChangesAndGoes) {
 }
 
 TEST_F(Tool, ALongLoadShowsItsProgressOnATerminal) {
-    std::string config;
-    for (int part = 0; part < 40; part++) {
-        config += "ip access-list standard l" + std::to_string(part) + "\n";
-        for (int i = 0; i < 1500; i++)
-            config +=
-                " permit 10.0." + std::to_string(i / 200) + "." + std::to_string(i % 200) + "\n";
-    }
+    std::string config = "ip access-list standard long\n";
+    for (int i = 0; i < 1000; i++)
+        config += " permit 10.0." + std::to_string(i / 200) + "." + std::to_string(i % 200) + "\n";
     const std::string file = write_file("long.conf", config);
+    kill(daemon, SIGSTOP); // what would take long otherwise
     int master;
     const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
         execute(program(TOOL, {"load", file}));
         _exit(127);
     }
+    sleep(2);
+    kill(daemon, SIGCONT);
     std::string shown;
     char buffer[4096];
     for (ssize_t got; (got = read(master, buffer, sizeof buffer)) > 0;)
@@ -234,9 +233,7 @@ TEST_F(Tool, ALongLoadShowsItsProgressOnATerminal) {
     waitpid(pid, &status, 0);
     close(master);
     EXPECT_EQ(status, 0);
-    if (shown.empty())
-        GTEST_SKIP() << "this machine loads 60,000 rules within a second";
-    EXPECT_NE(shown.find(" of 60040 lines"), std::string::npos) << shown;
+    EXPECT_NE(shown.find(" of 1001 lines"), std::string::npos) << shown;
     EXPECT_TRUE(shown.ends_with("\r\033[K")) << "the bar is not erased";
 }
 
