@@ -1,9 +1,10 @@
 # Takes the examples out of a document: every command into DIRECTORY/N.command and what is shown
 # below it into DIRECTORY/N.shown, N from 1. Prints how many there are.
 #
-# In a manual an example is a line of a literal display of the section EXAMPLES that begins with
-# "$ "; lines that begin with "> " go on with it. In a Markdown file it is every line of a block
-# fenced as "sh". What could be taken for an example and is not one is an error.
+# In a manual an example is a line that begins with "$ " in a literal display whose first line is
+# one; lines that begin with "> " go on with it. In the section EXAMPLES every display is such a
+# one. In a Markdown file it is every line of a block fenced as "sh". What could be taken for an
+# example and is not one is an error.
 
 function wrong(what) {
     printf "%s:%d: %s\n", FILENAME, FNR, what > "/dev/stderr"
@@ -73,9 +74,10 @@ FILENAME ~ /\.md$/ {
 }
 
 /^\.Sh/ { examples = $2 == "EXAMPLES"; next }
-/^\.Bd -literal/ && examples { literal = 1; next }
-/^\.Ed/ { literal = 0; end_example(); next }
-!literal && /^(\\&)?\$ / { wrong("a command outside of a literal display of the section EXAMPLES") }
+/^\.Bd -literal/ { opened = 1; next }
+/^\.Ed/ { literal = opened = 0; end_example(); next }
+opened { literal = examples || /^\$ /; opened = 0 }
+!literal && /^(\\&)?\$ / { wrong("a command outside of a literal display that begins with one") }
 !literal { next }
 {
     text = printed($0)

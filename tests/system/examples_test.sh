@@ -51,6 +51,18 @@ if [ "$name" = libipacl.3 ]; then # against an installation
     }
 fi
 
+# Commands of the tool that not every build has.
+lacking=""
+if ! ipaclctl --help | grep -q '^ *explain '; then
+    lacking="apply confirm diff equal explain import merge plan ranges replay unreachable"
+fi
+is_lacking() {
+    for word in $lacking; do
+        case $1 in *"ipaclctl $word"*) return 0 ;; esac
+    done
+    return 1
+}
+
 # What a test can't run inside itself, and who does instead.
 # shellcheck disable=SC2016
 run_elsewhere() {
@@ -82,12 +94,16 @@ settle() {
     esac
 }
 
-number=0 failed=0 compared=0
+number=0 failed=0 compared=0 left_out=0
 while [ "$number" -lt "$found" ]; do
     number=$((number + 1))
     example=$work/examples/$number
     command=$(cat "$example.command")
     run_elsewhere "$command" && continue
+    if is_lacking "$command"; then
+        left_out=$((left_out + 1))
+        continue
+    fi
     case $command in
     "cat "*[!A-Za-z0-9._-]*) ;;
     "cat "*) [ -e "${command#cat }" ] || cp "$example.shown" "${command#cat }" ;;
@@ -113,4 +129,6 @@ if [ "$name" = README.md ] && ! ipaclctl show web | grep -q 'permit tcp any any 
     failed=$((failed + 1))
 fi
 echo "$name: $found examples, $compared compared, $failed failed"
-[ "$failed" -eq 0 ]
+[ "$failed" -eq 0 ] || exit 1
+[ "$left_out" -eq 0 ] ||
+    skip "$left_out of $found examples need exact analysis, for which BuDDy is missing; the others pass"
