@@ -88,6 +88,7 @@ same_text() { # two files, but for blanks at line ends
 settle() {
     children="$children $!"
     case $1 in
+    *" --confirm 60 &") await grep -q "ipaclctl confirm" "$example.said" ;;
     *ipacl-busd*) await test -S "$UBUS_SOCKET" ;;
     *ipaclctl*) await same_text "$example.shown" "$example.said" ;;
     *) await ipaclctl running-config ;;
