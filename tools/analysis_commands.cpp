@@ -105,6 +105,11 @@ void add_packet(cJSON *to, const Packet &packet) {
 std::string counted(size_t count, const char *noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
+// "1 takes 7", "2 take 9".
+std::string taking(const std::string &rules, size_t count, uint64_t entries) {
+    std::string text = rules;
+    return text.append(count == 1 ? " takes " : " take ").append(std::to_string(entries));
+}
 
 // --- The commands ---
 
@@ -269,8 +274,10 @@ int plan(const Named &list, size_t top, bool json) {
         print(out);
         return 0;
     }
-    std::cout << list.name << ": " << counted(list.rules.size(), "rule") << " take " << plan.entries
-              << " table entries; merged, " << plan.merged_rules << " take " << plan.merged_entries
+    const size_t rules = list.rules.size(), merged = plan.merged_rules;
+    std::cout << list.name << ": " << taking(counted(rules, "rule"), rules, plan.entries)
+              << " table entries; merged, "
+              << taking(std::to_string(merged), merged, plan.merged_entries)
               << "\n\n  entries = src x dst x sport x dport x other\n";
     for (const auto &cost : plan.rules)
         std::cout << std::setw(9) << cost.entries << " = " << cost.src << " x " << cost.dst << " x "

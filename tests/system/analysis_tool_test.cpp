@@ -33,6 +33,9 @@ constexpr const char *kLists = "ip access-list extended web\n"
                                " deny 192.0.0.0 255.255.0.0\n"
                                " permit 192.0.3.0 255.255.255.0\n"
                                " permit src-range 0.0.0.0 0.0.0.127\n"
+                               "!\n"
+                               "ip access-list extended single\n"
+                               " permit udp any any eq domain ttl gt 1\n"
                                "!\n";
 
 class AnalysisTool : public System {
@@ -120,6 +123,9 @@ TEST_F(AnalysisTool, TellsWhatAListCosts) {
               "hosts: 4 rules take 11 table entries; merged, 3 take 10\n\n"
               "  entries = src x dst x sport x dport x other\n"
               "        8 = 8 x 1 x 1 x 1 x 1  rule 4: permit  src-range 0.0.0.0  0.0.0.127\n");
+    EXPECT_EQ(of_file({"plan", "single", "--top", "0"}).output,
+              "single: 1 rule takes 7 table entries; merged, 1 takes 7\n\n"
+              "  entries = src x dst x sport x dport x other\n");
 }
 
 TEST_F(AnalysisTool, AnswersAsJson) {
