@@ -141,7 +141,11 @@ bool resynchronize_node(const _ipacl_rule_vlanname &node) {
 // After notifications were lost. The kernel drops what comes, without another error, until the
 // socket has been read empty: only an interface that is asked for after that is known for sure.
 void resynchronize(int fd) {
+    char byte;
+    iovec room{&byte, sizeof byte}; // without any, an emulator reports an endless queue
     msghdr dropped{};
+    dropped.msg_iov = &room;
+    dropped.msg_iovlen = 1;
     int overruns = 0;
     while (recvmsg(fd, &dropped, MSG_DONTWAIT) >= 0 ||
            (errno == ENOBUFS && ++overruns < kMaxOverruns)) {
