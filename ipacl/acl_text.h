@@ -67,6 +67,24 @@ class TerminalSink : public Sink {
     char text_[1024]; // cppcheck-suppress uninitMemberVarPrivate
 };
 
+// A buffer of the caller's, of at least one byte: what does not fit is cut off.
+class BufferSink : public Sink {
+  public:
+    BufferSink(char *buffer, size_t size)
+        : Sink(
+              [](Sink &self, std::string_view token) {
+                  auto &sink = static_cast<BufferSink &>(self);
+                  sink.text(token.substr(0, static_cast<size_t>(sink.end_ - sink.at_)));
+              },
+              buffer, size - 1) {}
+
+    // Ends the text and returns its length.
+    int end() {
+        *at_ = '\0';
+        return static_cast<int>(used());
+    }
+};
+
 // A line in memory that grows. `failed` tells that memory was short and the line is not whole.
 class LineSink : public Sink {
   public:

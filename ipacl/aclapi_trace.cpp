@@ -26,25 +26,6 @@ void write_trace(acl_text::Sink &sink, const void *rule, bool is_standard) {
     });
 }
 
-// The caller's buffer, filled from its start.
-class BufferSink : public acl_text::Sink {
-  public:
-    explicit BufferSink(char *buffer) : Sink(fill, buffer, IPACL_TRACE_RULE_SIZE - 1) {}
-
-    // Ends the text and returns its length.
-    int end() {
-        *at_ = '\0';
-        return static_cast<int>(used());
-    }
-
-  private:
-    // What there is room for of a token that doesn't fit.
-    static void fill(Sink &self, std::string_view token) {
-        auto &buffer = static_cast<BufferSink &>(self);
-        buffer.text(token.substr(0, static_cast<size_t>(buffer.end_ - buffer.at_)));
-    }
-};
-
 void dump_rules(const ipacl &list) {
     LineSink line;
     int index = 1;
@@ -109,7 +90,7 @@ constexpr const char *kUnit = "    ";
 } // namespace
 
 int ipacl_trace_rule_to_buf(char *trace_buf, const void *rule, int is_standard) {
-    BufferSink sink(trace_buf);
+    acl_text::BufferSink sink(trace_buf, IPACL_TRACE_RULE_SIZE);
     write_trace(sink, rule, is_standard == 1);
     return sink.end();
 }

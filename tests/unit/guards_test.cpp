@@ -213,6 +213,17 @@ TEST_F(Guards, ACountedLineIsAsLongAsItsRemarkAndLeftOutWhenMemoryIsShort) {
     EXPECT_EQ(fake::live_blocks(), blocks);
 }
 
+// More than is gathered before it is written.
+TEST_F(Guards, AListingShowsARemarkOfAnyLength) {
+    auto *rule = ipacl_config_find("s")->ipacl_s;
+    rule->flags = IPACL_FLAG_REMARK;
+    rule->remark = static_cast<char *>(sys_mem_malloc(5001));
+    *std::fill_n(rule->remark, 5000, 'r') = '\0';
+    show_acl(0);
+    const std::string shown = fake::take_listing();
+    EXPECT_NE(shown.find("[    1] *** " + std::string(rule->remark) + "\n"), std::string::npos);
+}
+
 TEST_F(Guards, AVeryLongLineIsReadLikeAnyOther) {
     const std::string zeroes(100000, '0');
     EXPECT_EQ(do_extended_end("e", ("permit tcp any any eq " + zeroes + "80 tos " + zeroes + "7 " +

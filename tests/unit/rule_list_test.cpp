@@ -127,6 +127,18 @@ TEST_F(RuleList, ADuplicateIsRefusedOnlyWhenAskedToCheck) {
     EXPECT_EQ(add_acl_rule_location(s, rule, 0, 0), 2U);
 }
 
+TEST_F(RuleList, ADuplicateBehindThePlaceIsFoundToo) {
+    for (uint32_t address : {1U, 2U, 3U, 4U})
+        add(address);
+    auto *rule = new_rule(standard(4));
+    EXPECT_EQ(add_acl_rule_location(s, rule, 2, 1), 0U);
+    EXPECT_EQ(fake::take_answers(), "The rule has existed in the access list.\n");
+    EXPECT_EQ(s->rule_count, 4U);
+    sys_mem_free(rule);
+    EXPECT_EQ(add_acl_rule_location(s, new_rule(standard(5)), 2, 1), 2U);
+    EXPECT_EQ(s->ipacl_s->ipacl_next->srcaddr.s_addr, 5U);
+}
+
 TEST_F(RuleList, ARemarkIsNeverADuplicate) {
     Std remark = standard(1);
     remark.flags = IPACL_FLAG_REMARK;

@@ -3,6 +3,8 @@
 
 #include "rules.h"
 
+#include "acl_text.h"
+
 namespace {
 
 class Trace : public TwoLists {
@@ -186,6 +188,16 @@ TEST_F(Trace, TheLongestRuleFitsTheBuffer) {
         rule.src_compare_flag = rule.dst_compare_flag = form;
         EXPECT_LT(line_of(rule).size(), static_cast<size_t>(IPACL_TRACE_RULE_SIZE));
     }
+}
+
+TEST_F(Trace, ABufferTakesWhatFits) {
+    char room[9] = "xxxxxxxx";
+    acl_text::BufferSink sink(room, 8);
+    sink.text("permit");
+    sink.text(" any");
+    sink.text("!");
+    EXPECT_EQ(sink.end(), 7);
+    EXPECT_STREQ(room, "permit ");
 }
 
 // --- The dump of a list ---
