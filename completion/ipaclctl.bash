@@ -21,7 +21,7 @@ _ipaclctl() {
             ((++i < COMP_CWORD)) && service=(--socket "${COMP_WORDS[i]}")
             ;;
         -t | --timeout | --type | --count | --file | --against | --against-file | --list | --limit | \
-            --confirm | --format | --name | --top)
+            --confirm | --format | --memory | --name | --top)
             [[ ${COMP_WORDS[i + 1]} == = ]] && ((i++))
             ((i++))
             ;;
@@ -39,7 +39,7 @@ _ipaclctl() {
 
     case $previous in
     -s | --socket | --file | --against-file) files=1 ;;
-    -t | --timeout | --count | --limit | --confirm | --name | --top) return ;;
+    -t | --timeout | --count | --limit | --confirm | --memory | --name | --top) return ;;
     --list) lists=1 ;;
     --against) if [[ $command == replay ]]; then lists=1; else files=1; fi ;;
     --format) choices=$'json\nsarif\ntext' ;;
@@ -59,7 +59,7 @@ _ipaclctl() {
         watch:-*) choices=$'--count\n--help' ;;
         apply:-*) choices=$'--confirm\n--dry-run\n--help\n--limit' ;;
         explain:-*) choices=$'--file\n--help\n--hex' ;;
-        replay:-*) choices=$'--against\n--against-file\n--file\n--help\n--limit\n--list' ;;
+        replay:-*) choices=$'--against\n--against-file\n--file\n--help\n--limit\n--list\n--memory' ;;
         ranges:-*) choices=$'--any-mask\n--deny\n--help\n--name' ;;
         diff:-*) choices=$'--against\n--file\n--help\n--json\n--limit' ;;
         equal:-*) choices=$'--against\n--file\n--help\n--json' ;;

@@ -6,6 +6,7 @@
 
 #include "ipacl/acl_kind.h"
 #include "ipacl/aclapi.h"
+#include "ipaclfast/aclfast.h"
 
 #include <pcap/pcap.h>
 
@@ -15,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
+#include <vector>
 
 namespace ipaclctl {
 namespace {
@@ -107,22 +109,51 @@ class Capture {
     Link link_;
 };
 
-// A list of this process that counts what it decides.
+// Packets that are checked together, as the compiled form of a list takes them.
+struct Batch {
+    static constexpr size_t kMost = 512;
+
+    void add(const Packet &packet, uint64_t frame) {
+        packets[count] = packet.info;
+        frags[count] = packet.frag;
+        frames[count] = frame;
+        count++;
+    }
+    bool full() const { return count == kMost; }
+    Packet packet(size_t i) const { return {packets[i], frags[i] != 0}; }
+
+    size_t count = 0;
+    std::array<acl_info, kMost> packets;
+    std::array<uint8_t, kMost> frags;
+    std::array<uint64_t, kMost> frames; // counted from 1
+};
+
+using Results = std::array<uint32_t, Batch::kMost>;
+
+// A list of this process that counts what it decides. It is compiled where its form keeps within
+// the bound, and else checked rule by rule.
 class Judge {
   public:
-    Judge(const Configuration &from, const std::string &name, const char *slot) : name_(name) {
+    Judge(const Configuration &from, const std::string &name, const char *slot, size_t max_bytes)
+        : name_(name) {
         read_list(from, name, slot);
         list_ = ipacl_config_find(slot);
+        form_.reset(acl_compile(list_, max_bytes));
+        if (acl::StandardKind::owns(*list_))
+            find_counters(list_->ipacl_s);
+        else
+            find_counters(list_->ipacl_e);
     }
 
-    uint32_t decide(const Packet &packet) {
-        const acl_info &info = packet.info;
-        const uint32_t result =
-            acl::StandardKind::owns(*list_)
-                ? hit(list_->ipacl_s, ipacl_match_standard(list_->ipacl_s, &info))
-                : hit(list_->ipacl_e, ipacl_match_extended(list_->ipacl_e, &info, packet.frag));
-        counts_[result]++;
-        return result;
+    // One result for each packet.
+    void decide(const Batch &batch, Results &results) {
+        if (form_)
+            decide_compiled(batch, results);
+        else
+            for (size_t i = 0; i < batch.count; i++)
+                results[i] = decide(batch.packet(i));
+        for (size_t i = 0; i < batch.count; i++)
+            counts_[results[i]]++;
     }
 
     // "guest-in: 900 permitted, 90 denied, 10 matched by no rule".
@@ -152,6 +183,34 @@ class Judge {
   private:
     static constexpr uint32_t kActions = IPACL_FLAG_PERMIT | IPACL_FLAG_DENY | IPACL_FLAG_LOG;
 
+    struct FreeForm {
+        void operator()(acl_fast *form) const { acl_fast_free(form); }
+    };
+
+    template <class Rule>
+    void find_counters(Rule *rule) {
+        for (; rule; rule = rule->ipacl_next)
+            counters_.push_back(&rule->stat_count);
+    }
+
+    void decide_compiled(const Batch &batch, Results &results) {
+        std::array<acl_fast_answer, Batch::kMost> answers;
+        acl_fast_check_many(form_.get(), batch.packets.data(), batch.frags.data(), batch.count,
+                            answers.data());
+        for (size_t i = 0; i < batch.count; i++) {
+            results[i] = answers[i].result;
+            if (answers[i].rule)
+                ++*counters_[answers[i].rule - 1];
+        }
+    }
+
+    uint32_t decide(const Packet &packet) {
+        const acl_info &info = packet.info;
+        return acl::StandardKind::owns(*list_)
+                   ? hit(list_->ipacl_s, ipacl_match_standard(list_->ipacl_s, &info))
+                   : hit(list_->ipacl_e, ipacl_match_extended(list_->ipacl_e, &info, packet.frag));
+    }
+
     // The result when `rule` of the list decided; its hit is counted in the record, which is ours.
     template <class Rule>
     static uint32_t hit(const Rule *head, const Rule *rule) {
@@ -163,6 +222,8 @@ class Judge {
 
     std::string name_;
     ipacl *list_;
+    std::unique_ptr<acl_fast, FreeForm> form_;
+    std::vector<uint64_t *> counters_; // of hits, rule by rule
     std::array<uint64_t, IPACL_CHECK_NO_MATCH + 1> counts_{};
 };
 
@@ -170,6 +231,7 @@ struct Arguments {
     std::function<std::string()> running;
     std::string capture, list, against, file, against_file;
     size_t limit = 10;
+    size_t memory = 64; // MiB
 };
 
 class Replay {
@@ -186,10 +248,13 @@ class Replay {
             if (frames_ % 4096 == 0)
                 progress.at(sized ? capture.place() >> 20 : frames_);
             if (*found == Found::kPacket)
-                judge(packet, progress);
+                batch_.add(packet, frames_);
             else
                 (*found == Found::kOther ? others_ : short_)++;
+            if (batch_.full())
+                judge(progress);
         }
+        judge(progress);
     }
 
     void tell() {
@@ -209,14 +274,22 @@ class Replay {
     bool differs() const { return different_ > 0; }
 
   private:
-    void judge(const Packet &packet, Progress &progress) {
-        const uint32_t result = judge_.decide(packet);
-        if (!other_ || other_->decide(packet) == result)
-            return;
-        if (different_++ >= limit_)
-            return;
+    void judge(Progress &progress) {
+        Results results, others;
+        judge_.decide(batch_, results);
+        if (other_) {
+            other_->decide(batch_, others);
+            for (size_t i = 0; i < batch_.count; i++)
+                if (results[i] != others[i] && different_++ < limit_)
+                    show(i, progress);
+        }
+        batch_.count = 0;
+    }
+
+    void show(size_t i, Progress &progress) const {
+        const Packet packet = batch_.packet(i);
         progress.make_way();
-        std::cout << "frame " << frames_ << ": " << analysis::packet_text(packet) << ": "
+        std::cout << "frame " << batch_.frames[i] << ": " << analysis::packet_text(packet) << ": "
                   << verdict(judge_, packet) << ", then " << verdict(*other_, packet) << '\n';
     }
 
@@ -227,6 +300,7 @@ class Replay {
     Judge &judge_;
     Judge *other_;
     size_t limit_;
+    Batch batch_;
     uint64_t frames_ = 0, others_ = 0, short_ = 0, different_ = 0;
 };
 
@@ -237,11 +311,12 @@ void tell_rate(uint64_t packets, std::chrono::duration<double> time) {
 
 int replay(const Arguments &a) {
     Capture capture(a.capture);
-    Judge judge(configuration_of(a.file, a.running), a.list, a.list.c_str());
+    const size_t max_bytes = a.memory << 20;
+    Judge judge(configuration_of(a.file, a.running), a.list, a.list.c_str(), max_bytes);
     std::optional<Judge> other;
     if (!a.against.empty())
         other.emplace(configuration_of(a.against_file.empty() ? a.file : a.against_file, a.running),
-                      a.against, "the other list"); // no name in a configuration
+                      a.against, "the other list", max_bytes); // no name in a configuration
     Replay replay(judge, other ? &*other : nullptr, a.limit);
     const auto start = std::chrono::steady_clock::now();
     replay.play(capture);
@@ -273,6 +348,10 @@ void add_replay_command(CLI::App &app, std::function<std::string()> running, Loc
                     "take the other list from this configuration")
         ->needs(against);
     sub->add_option("--limit", a->limit, "show at most so many differences");
+    sub->add_option("--memory", a->memory,
+                    "compile a list in at most so many MiB, or else check it rule by rule")
+        ->check(CLI::Range(0, 4095))
+        ->capture_default_str();
 }
 
 } // namespace ipaclctl

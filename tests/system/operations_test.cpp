@@ -8,6 +8,7 @@
 #include "ipacl/aclapi.h"
 #include "ipacl/ipaclstd.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <fcntl.h>
@@ -232,6 +233,50 @@ TEST_F(Operations, ReplayShowsWhatAnotherListDecidesDifferently) {
     EXPECT_EQ(outcome.status, 0);
 }
 
+// Packets of many batches, the last of them not full, and frames that are no packets between them.
+std::vector<Bytes> many_frames() {
+    std::vector<Bytes> frames;
+    for (int i = 0; i < 2000; i++) {
+        const uint8_t first = i % 13 < 6 ? 10 : 192;
+        const auto second = static_cast<uint8_t>(i % 7);
+        const uint16_t port = i % 3 ? 80 : 20;
+        if (i % 5 == 0)
+            frames.push_back(ethernet("an ARP request", 0x0806));
+        else
+            frames.push_back(ethernet(Ipv4{.destination = {first, second, 0, 2},
+                                           .ttl = static_cast<uint8_t>(1 + i % 2),
+                                           .fragment = i % 11 ? 0U : 7U,
+                                           .payload = tcp(1024, port)}
+                                          .bytes()));
+    }
+    return frames;
+}
+
+TEST_F(Operations, ReplayAnswersAlikeWhetherItMayCompileTheListOrNot) {
+    const Bytes packets = capture(kEthernet, many_frames());
+    const std::string other = write_file("other.conf", "ip access-list extended web\n"
+                                                       " deny ip any 10.0.0.0 255.254.0.0\n"
+                                                       " permit tcp any any eq www\n"
+                                                       " permit tcp any any eq 20 ttl gt 1\n"
+                                                       "!\n");
+    const auto with = [&](const char *memory) {
+        return replay(packets, {"--list", "web", "--against", "web", "--against-file", other,
+                                "--limit", "1000000", "--memory", memory});
+    };
+    const Outcome compiled = with("64"), linear = with("0");
+    EXPECT_EQ(compiled.output, linear.output);
+    EXPECT_EQ(compiled.status, 1);
+    EXPECT_EQ(linear.status, 1);
+    const size_t shown = compiled.output.find("2000 frames: 1600 IPv4 packets, 400 of other");
+    ASSERT_NE(shown, std::string::npos) << compiled.output;
+    const auto end = compiled.output.begin() + static_cast<long>(shown);
+    const auto lines = std::count(compiled.output.begin(), end, '\n');
+    EXPECT_GT(lines, 0);
+    EXPECT_TRUE(compiled.output.ends_with("web and web decide " + std::to_string(lines) +
+                                          " packets differently\n"))
+        << compiled.output;
+}
+
 TEST_F(Operations, ATruncatedOrCorruptCaptureGivesTheCountsSoFar) {
     const Bytes whole = capture(kEthernet, {ethernet(Ipv4{.payload = tcp(1024, 80)}.bytes()),
                                             ethernet(Ipv4{.payload = tcp(1024, 80)}.bytes())});
@@ -242,6 +287,8 @@ TEST_F(Operations, ATruncatedOrCorruptCaptureGivesTheCountsSoFar) {
         const Outcome outcome = replay(broken);
         EXPECT_EQ(outcome.status, 2);
         EXPECT_EQ(line(outcome.output, 2), "web: 1 permitted, 0 denied, 0 matched by no rule");
+        EXPECT_EQ(line(outcome.output, 7),
+                  " permit tcp any any eq www not-fragment ttl gt 1 statistics: 1 packets");
         EXPECT_NE(
             outcome.errors.find("ipaclctl: " + directory + "/test.pcap can't be read to its end: "),
             std::string::npos)
@@ -252,6 +299,13 @@ TEST_F(Operations, ATruncatedOrCorruptCaptureGivesTheCountsSoFar) {
     EXPECT_EQ(none.output, "");
     EXPECT_NE(none.errors.find("/test.pcap: unknown file format"), std::string::npos)
         << none.errors;
+    for (const size_t length : {size_t{0}, size_t{3}, size_t{23}}) {
+        const Outcome cut = replay(whole.substr(0, length));
+        EXPECT_EQ(cut.status, 2);
+        EXPECT_EQ(cut.output, "");
+        EXPECT_NE(cut.errors.find("/test.pcap: truncated dump file"), std::string::npos)
+            << cut.errors;
+    }
     EXPECT_EQ(ctl({"replay", directory + "/none", "--list", "web", "--file", file_}).status, 2);
 }
 
