@@ -114,9 +114,10 @@ LineEditor::LineEditor(Habits habits) : state_(std::make_unique<State>()) {
     el_set(editor, EL_BIND, "?", "ipacl-help", nullptr);
     el_set(editor, EL_BIND, "\t", "ipacl-complete", nullptr);
     el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
-    // Both keys are for the line, not for the process.
+    // Both keys are for the line, not for the process. What is typed while a command runs waits for
+    // the next line as it was typed.
     el_set(editor, EL_SETTY, "-d", "-isig", nullptr);
-    el_set(editor, EL_SETTY, "-x", "-isig", nullptr);
+    el_set(editor, EL_SETTY, "-x", "-isig", "-icanon", "-echo", nullptr);
     el_set(editor, EL_BIND, "^C", "ipacl-abandon", nullptr);
     el_set(editor, EL_BIND, "^Z", "ipacl-leave", nullptr);
 }

@@ -228,6 +228,20 @@ TEST_F(Shell, ControlCGivesALineUpAndControlZLeavesTheConfiguration) {
     EXPECT_EQ(running(), "ip access-list standard web\n permit  10.0.0.2 255.255.255.255\n!\n");
 }
 
+TEST_F(Shell, WhatIsTypedWhileACommandRunsWaitsAsItIs) {
+    Terminal terminal;
+    ASSERT_TRUE(terminal.shows("ipacl# "));
+    kill(daemon, SIGSTOP);
+    terminal.type("show ip access-lists\r");
+    ASSERT_TRUE(terminal.shows("show ip access-lists\r\n"));
+    usleep(200000); // the line has been read
+    terminal.type("show histor\003\004");
+    usleep(200000);
+    kill(daemon, SIGCONT);
+    EXPECT_EQ(terminal.status(), 0);
+    EXPECT_TRUE(terminal.shows("show histor^C"));
+}
+
 TEST_F(Shell, AListIsLeftWhenTheTerminalGoes) {
     Terminal terminal;
     ASSERT_TRUE(terminal.shows("ipacl# "));
