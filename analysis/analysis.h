@@ -8,8 +8,8 @@
 //
 // Rules are numbered from 1 by their place in the list, inactive ones included. Lists are only
 // read. The decision diagrams behind this are one for the process: one thread at a time. A question
-// that would take more than kMaxNodes nodes of them is given up with TooComplex; diff then still
-// tells regions that it finds by trying packets, if any.
+// that would take more than kMaxNodes nodes of them at once, or make more than kMaxWork, is given
+// up with TooComplex; diff then still tells regions that it finds by trying packets, if any.
 #pragma once
 
 #include "ipacl.h"
@@ -23,7 +23,11 @@
 
 namespace analysis {
 
-inline constexpr int kMaxNodes = 8'000'000; // 20 bytes each, and half as much for caches
+inline constexpr int kMaxNodes = 8'000'000;  // 20 bytes each, and half as much for caches
+inline constexpr long kMaxWork = 12'000'000; // nodes that one question makes: some seconds
+
+// The nodes that the last question made: what it cost, whatever machine it ran on.
+long work();
 
 struct TooComplex : std::runtime_error {
     using runtime_error::runtime_error;

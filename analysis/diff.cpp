@@ -277,7 +277,12 @@ Difference diff(const ipacl &before, const ipacl &after, size_t max_regions) {
         difference.complete = comparison.tell(changed, max_regions, difference.changes);
     } catch (const TooComplex &) {
         difference.changes.clear();
-        comparison.tell_some(max_regions, difference.changes);
+        difference.share.reset();
+        allow_work();
+        try {
+            comparison.tell_some(max_regions, difference.changes);
+        } catch (const TooComplex &) { // those that are told hold all the same
+        }
         if (difference.changes.empty())
             throw;
     }

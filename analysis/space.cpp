@@ -12,6 +12,13 @@ namespace {
 constexpr int kFirstNodes = 1 << 20;
 constexpr int kCacheRatio = 8; // nodes for one place of each cache
 bool out_of_nodes;
+long work_before; // the nodes made when the question was put
+
+long nodes_made() {
+    bddStat status;
+    bdd_stats(&status);
+    return status.produced;
+}
 
 // The pool of nodes, made once.
 void start_pool(int variables) {
@@ -39,12 +46,16 @@ int bit_of(Field field, Order order, int significance) {
 } // namespace
 
 Set::Set(const bdd &nodes) : nodes_(nodes) {
-    if (!out_of_nodes)
+    if (!out_of_nodes && work() <= kMaxWork)
         return;
     out_of_nodes = false;
     bdd_clear_error();
     throw TooComplex("these lists are too complex to be analysed exactly");
 }
+
+long work() { return bdd_isrunning() ? nodes_made() - work_before : 0; }
+
+void allow_work() { work_before = nodes_made(); }
 
 Space::Space(const Layout &layout) : layout_(layout) {
     int count = 0;
@@ -53,6 +64,7 @@ Space::Space(const Layout &layout) : layout_(layout) {
         count += info(field).bits;
     }
     start_pool(count);
+    allow_work();
 }
 
 Layout Space::layout_for(const std::vector<Rule> &rules) {

@@ -2,7 +2,8 @@
 //
 // A Space gives every bit of every field a variable. Sets of one Space are not to be mixed with
 // those of a Space of another order. All of them share one pool of nodes; when that is full an
-// operation throws TooComplex, and everything made so far stays good.
+// operation throws TooComplex, and everything made so far stays good. The same happens when more
+// than the allowed number of nodes have been made.
 #pragma once
 
 #include "rules.h"
@@ -33,6 +34,9 @@ class Set {
   private:
     bdd nodes_;
 };
+
+// Allows to make kMaxWork nodes from now on. A new Space does so too.
+void allow_work();
 
 // How the values of a field are put in a row: by number, or addresses by their stored words.
 enum class Order { kNumber, kStored };

@@ -58,20 +58,26 @@ class Finder {
     // The rules before rule i that cover it together; none when it is needed.
     std::vector<size_t> cover(size_t i) {
         std::vector<Part> parts;
-        Set rest = set(i);
         for (size_t j = 0; j < i; j++) {
             if (!rules_[j].active || rules_[j].never() || plainly_disjoint(rules_[i], rules_[j]))
                 continue;
             Set part = set(i) & set(j);
             if (part == set(i))
                 return {rules_[j].number};
-            if (part.empty())
-                continue;
-            rest = rest - part;
-            parts.push_back({j, part, space_.share(part)});
+            if (!part.empty())
+                parts.push_back({j, part, space_.share(part)});
         }
-        if (rest.empty())
-            return irredundant(std::move(parts), set(i));
+        // The largest first, for they leave the least to go on with.
+        std::stable_sort(parts.begin(), parts.end(),
+                         [](const Part &a, const Part &b) { return a.size > b.size; });
+        Set rest = set(i);
+        for (size_t n = 0; n < parts.size(); n++) {
+            rest = rest - parts[n].set;
+            if (rest.empty()) {
+                parts.resize(n + 1);
+                return irredundant(parts, set(i));
+            }
+        }
         const Packet witness = space_.pick(rest);
         if (decide(list_, witness).rule != rules_[i].number)
             throw std::logic_error("the matcher does not let a rule decide its own packet");
@@ -79,9 +85,7 @@ class Finder {
     }
 
     // Leaves parts out, the smallest first, as long as the others cover all.
-    static std::vector<size_t> irredundant(std::vector<Part> parts, const Set &all) {
-        std::stable_sort(parts.begin(), parts.end(),
-                         [](const Part &a, const Part &b) { return a.size > b.size; });
+    static std::vector<size_t> irredundant(const std::vector<Part> &parts, const Set &all) {
         std::vector<Set> larger(parts.size() + 1); // what the parts before each cover
         for (size_t n = 0; n < parts.size(); n++)
             larger[n + 1] = larger[n] | parts[n].set;
