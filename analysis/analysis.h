@@ -23,10 +23,10 @@
 
 namespace analysis {
 
-inline constexpr int kMaxNodes = 8'000'000;  // 20 bytes each, and half as much for caches
-inline constexpr long kMaxWork = 12'000'000; // nodes that one question makes: some seconds
+inline constexpr int kMaxNodes = 8'000'000; // 20 bytes each, and half as much for caches
+inline constexpr double kMaxSeconds = 8;
 
-// The nodes that the last question made: what it cost, whatever machine it ran on.
+// The nodes made since the process began: what questions cost, whatever machine they run on.
 long work();
 
 struct TooComplex : std::runtime_error {

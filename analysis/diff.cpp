@@ -58,9 +58,33 @@ struct Live {
         return any ? uint32_t{IPACL_CHECK_NO_MATCH} : uint32_t{IPACL_CHECK_NO_RULES};
     }
 
+    // The packets that a rule takes.
+    const Set &set(const Space &space, size_t i) const {
+        sets.resize(rules.size());
+        if (!sets[i])
+            sets[i] = space.of(rules[i]);
+        return *sets[i];
+    }
+
+    // The places of rules, those that take most packets first.
+    const std::vector<size_t> &by_size(const Space &space) const {
+        if (!order.empty())
+            return order;
+        std::vector<double> sizes;
+        for (size_t i = 0; i < rules.size(); i++) {
+            sizes.push_back(space.share(set(space, i)));
+            order.push_back(i);
+        }
+        std::stable_sort(order.begin(), order.end(),
+                         [&](size_t x, size_t y) { return sizes[x] > sizes[y]; });
+        return order;
+    }
+
     Rules rules;
     std::unordered_map<std::string, size_t> place;
     bool any = false;
+    mutable std::vector<std::optional<Set>> sets;
+    mutable std::vector<size_t> order;
 };
 
 // Marks the longest row of pairs (their first members ascend) whose second members ascend too.
@@ -83,8 +107,13 @@ std::vector<bool> longest_ascent(const std::vector<std::pair<size_t, size_t>> &p
     return chosen;
 }
 
-// The rules of either list that the other does not have in the same order.
-Rules not_common(const Live &a, const Live &b) {
+// A rule that the other list does not have in the same order.
+struct Suspect {
+    bool of_b;
+    size_t place; // behind all rules: what no rule matches
+};
+
+std::vector<Suspect> not_common(const Live &a, const Live &b) {
     std::vector<std::pair<size_t, size_t>> pairs;
     for (size_t i = 0; i < a.rules.size(); i++) {
         const auto found = b.place.find(key(a.rules[i]));
@@ -96,13 +125,15 @@ Rules not_common(const Live &a, const Live &b) {
     for (size_t i = 0; i < pairs.size(); i++)
         if (chosen[i])
             of_a[pairs[i].first] = of_b[pairs[i].second] = true;
-    Rules rest;
+    std::vector<Suspect> rest;
     for (size_t i = 0; i < of_a.size(); i++)
         if (!of_a[i])
-            rest.push_back(a.rules[i]);
+            rest.push_back({false, i});
     for (size_t i = 0; i < of_b.size(); i++)
         if (!of_b[i])
-            rest.push_back(b.rules[i]);
+            rest.push_back({true, i});
+    if (a.any != b.any) // no match is told apart from no rules
+        rest.push_back({b.any, b.any ? of_b.size() : of_a.size()});
     return rest;
 }
 
@@ -110,23 +141,28 @@ class Comparison {
   public:
     Comparison(const ipacl &a, const ipacl &b)
         : list_a_(a), list_b_(b), a_(a), b_(b), suspects_(not_common(a_, b_)),
-          space_(Space::layout_for(both())) {
-        if (a_.any != b_.any) // no match is told apart from no rules
-            suspects_.emplace_back();
-    }
+          space_(Space::layout_for(both())) {}
 
     // A packet that is decided differently, found by trying.
     std::optional<Packet> try_packets() const {
         Random random(1); // NOLINT: the same packets every time
-        for (const Rule &rule : suspects_)
+        for (const Suspect &suspect : suspects_)
             for (int n = 0; n < kTries; n++)
-                if (const Packet packet = sample(rule, random); differs(packet))
+                if (const Packet packet = sample(rule_of(suspect), random); differs(packet))
                     return tidied(packet);
         return std::nullopt;
     }
 
     // All packets that are decided differently.
-    Set changed() const { return changed_in(scope()); }
+    Set changed() const { return changed(0, suspects_.size()); }
+
+    // One of them, or none, found without putting all together.
+    std::optional<Packet> any_changed() const {
+        for (const Suspect &suspect : suspects_)
+            if (const Set set = changed_by(suspect); !set.empty())
+                return witness(set);
+        return std::nullopt;
+    }
 
     Set changed_in(const Set &scope) const {
         if (scope.empty())
@@ -171,10 +207,10 @@ class Comparison {
         Set covered;
         Random random(1); // NOLINT: the same packets every time
         for (int n = 0; n < kTries; n++)
-            for (const Rule &rule : suspects_) {
+            for (const Suspect &suspect : suspects_) {
                 if (changes.size() == enough)
                     return;
-                const Packet packet = sample(rule, random);
+                const Packet packet = sample(rule_of(suspect), random);
                 if (differs(packet) && (space_.only(packet) & covered).empty())
                     changes.push_back(change(packet, within, covered));
             }
@@ -207,17 +243,42 @@ class Comparison {
         return decide(list_a_, packet).result != decide(list_b_, packet).result;
     }
 
-    // Where to look. That spares work when it is little; it is no answer and may hold too much.
-    Set scope() const {
-        if (2 * suspects_.size() > a_.rules.size() + b_.rules.size())
-            return space_.all();
-        const auto any = [&](auto &self, size_t first, size_t last) -> Set {
-            if (last - first <= 1)
-                return first == last ? Set() : space_.of(suspects_[first]);
-            const size_t middle = first + (last - first) / 2;
-            return self(self, first, middle) | self(self, middle, last);
-        };
-        return any(any, 0, suspects_.size());
+    const Rule &rule_of(const Suspect &suspect) const {
+        static const Rule any;
+        const Rules &rules = (suspect.of_b ? b_ : a_).rules;
+        return suspect.place < rules.size() ? rules[suspect.place] : any;
+    }
+
+    Set changed(size_t first, size_t last) const {
+        if (last - first <= 1)
+            return first == last ? Set() : changed_by(suspects_[first]);
+        const size_t middle = first + (last - first) / 2;
+        return changed(first, middle) | changed(middle, last);
+    }
+
+    // The packets that the rule decides, and the other list otherwise. There are no others: what a
+    // common rule decides in each list, the same one decides, for the first of two stands first in
+    // both.
+    Set changed_by(const Suspect &suspect) const {
+        const Live &own = suspect.of_b ? b_ : a_, &other = suspect.of_b ? a_ : b_;
+        const Rule &rule = rule_of(suspect);
+        const uint32_t result = suspect.place < own.rules.size() ? rule.result : own.otherwise();
+        Set rest = space_.of(rule);
+        for (const size_t i : own.by_size(space_)) {
+            if (rest.empty())
+                return rest;
+            if (i < suspect.place && !plainly_disjoint(rule, own.rules[i]))
+                rest = rest - own.set(space_, i);
+        }
+        Set changed;
+        for (size_t i = 0; i < other.rules.size() && !rest.empty(); i++) {
+            if (plainly_disjoint(rule, other.rules[i]))
+                continue;
+            if (other.rules[i].result != result)
+                changed = changed | (rest & other.set(space_, i));
+            rest = rest - other.set(space_, i);
+        }
+        return other.otherwise() == result ? changed : changed | rest;
     }
 
     // What a row of rules makes of the packets in scope.
@@ -252,7 +313,7 @@ class Comparison {
 
     const ipacl &list_a_, &list_b_;
     Live a_, b_;
-    Rules suspects_;
+    std::vector<Suspect> suspects_;
     Space space_;
 };
 
@@ -262,15 +323,13 @@ std::optional<Packet> first_difference(const ipacl &a, const ipacl &b) {
     const Comparison comparison(a, b);
     if (auto packet = comparison.try_packets())
         return packet;
-    const Set changed = comparison.changed();
-    if (changed.empty())
-        return std::nullopt;
-    return comparison.witness(changed);
+    return comparison.any_changed();
 }
 
 Difference diff(const ipacl &before, const ipacl &after, size_t max_regions) {
     const Comparison comparison(before, after);
     Difference difference{{}, false, std::nullopt};
+    allow(kMaxSeconds / 2);
     try {
         const Set changed = comparison.changed();
         difference.share = comparison.share(changed);
@@ -278,7 +337,7 @@ Difference diff(const ipacl &before, const ipacl &after, size_t max_regions) {
     } catch (const TooComplex &) {
         difference.changes.clear();
         difference.share.reset();
-        allow_work();
+        allow(kMaxSeconds / 2);
         try {
             comparison.tell_some(max_regions, difference.changes);
         } catch (const TooComplex &) { // those that are told hold all the same

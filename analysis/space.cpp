@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <ctime>
 #include <iterator>
 #include <new>
 
@@ -12,12 +13,19 @@ namespace {
 constexpr int kFirstNodes = 1 << 20;
 constexpr int kCacheRatio = 8; // nodes for one place of each cache
 bool out_of_nodes;
-long work_before; // the nodes made when the question was put
+double deadline; // on the processor's clock
 
-long nodes_made() {
-    bddStat status;
-    bdd_stats(&status);
-    return status.produced;
+double processor_seconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// Asks the clock, which is slow, now and then.
+bool late() {
+    constexpr unsigned kOperations = 16;
+    static unsigned operations;
+    return ++operations % kOperations == 0 && processor_seconds() > deadline;
 }
 
 // The pool of nodes, made once.
@@ -46,16 +54,22 @@ int bit_of(Field field, Order order, int significance) {
 } // namespace
 
 Set::Set(const bdd &nodes) : nodes_(nodes) {
-    if (!out_of_nodes && work() <= kMaxWork)
+    if (!out_of_nodes && !late())
         return;
     out_of_nodes = false;
     bdd_clear_error();
     throw TooComplex("these lists are too complex to be analysed exactly");
 }
 
-long work() { return bdd_isrunning() ? nodes_made() - work_before : 0; }
+long work() {
+    if (!bdd_isrunning())
+        return 0;
+    bddStat status;
+    bdd_stats(&status);
+    return status.produced;
+}
 
-void allow_work() { work_before = nodes_made(); }
+void allow(double seconds) { deadline = processor_seconds() + seconds; }
 
 Space::Space(const Layout &layout) : layout_(layout) {
     int count = 0;
@@ -64,7 +78,7 @@ Space::Space(const Layout &layout) : layout_(layout) {
         count += info(field).bits;
     }
     start_pool(count);
-    allow_work();
+    allow(kMaxSeconds);
 }
 
 Layout Space::layout_for(const std::vector<Rule> &rules) {

@@ -2,8 +2,8 @@
 //
 // A Space gives every bit of every field a variable. Sets of one Space are not to be mixed with
 // those of a Space of another order. All of them share one pool of nodes; when that is full an
-// operation throws TooComplex, and everything made so far stays good. The same happens when more
-// than the allowed number of nodes have been made.
+// operation throws TooComplex, and everything made so far stays good. The same happens when
+// the allowed time has passed.
 #pragma once
 
 #include "rules.h"
@@ -35,8 +35,8 @@ class Set {
     bdd nodes_;
 };
 
-// Allows to make kMaxWork nodes from now on. A new Space does so too.
-void allow_work();
+// Allows so much time of the processor from now on; a new Space allows kMaxSeconds.
+void allow(double seconds);
 
 // How the values of a field are put in a row: by number, or addresses by their stored words.
 enum class Order { kNumber, kStored };

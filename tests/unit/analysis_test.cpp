@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <tuple>
 
 namespace {
 
@@ -856,6 +857,53 @@ TEST_F(LargeLists, UnrelatedListsAreToldApartByWitnesses) {
                 ASSERT_NE(naive_result(a.list, packet), naive_result(b.list, packet));
             }
     }
+}
+
+// Half of all addresses are compared with a wide range, in the order of stored words.
+ipacl_extended_rule wide_rule(Dice &dice) {
+    ipacl_extended_rule r{};
+    r.status = IPACL_RULE_ACTIVE;
+    r.flags = dice.of<uint16_t>({1, 2});
+    r.protcol = dice.of<uint16_t>({6, 17, 1, IPACL_PROTOCOL_IP});
+    const auto side = [&](uint16_t &flag, in_addr &addr, in_addr &mask, in_addr &begin,
+                          in_addr &end) {
+        if (dice.one_in(2)) {
+            flag = IPACL_COMPARE_RANGE;
+            std::tie(begin.s_addr, end.s_addr) = std::minmax({dice.word(), dice.word()});
+        } else {
+            flag = IPACL_COMPARE_MASK;
+            mask.s_addr = htonl(UINT32_MAX << dice.below(25));
+            addr.s_addr = dice.word() & mask.s_addr;
+        }
+    };
+    side(r.src_compare_flag, r.srcaddr, r.srcmsk, r.src_begin_addr, r.src_end_addr);
+    side(r.dst_compare_flag, r.dstaddr, r.dstmsk, r.dst_begin_addr, r.dst_end_addr);
+    r.dst_port_flags = dice.of<uint16_t>({0, 4, 1});
+    r.dst_port = dice.half();
+    return r;
+}
+
+TEST_F(LargeLists, WideRangesTakeABoundedNumberOfNodes) {
+    Dice dice(15);
+    Own a, b;
+    for (int i = 0; i < kRules; i++)
+        a.extended.push_back(wide_rule(dice));
+    a.link();
+    constexpr long kMost = 5'000'000;
+    long before = work();
+    EXPECT_GT(unreachable(a.list).size(), size_t{kRules / 10});
+    const long for_unreachable = work() - before;
+    EXPECT_GT(for_unreachable, 0);
+    EXPECT_LT(for_unreachable, kMost);
+    b.extended = a.extended;
+    for (int i = 0; i < 3; i++)
+        b.extended[dice.below(kRules)] = wide_rule(dice);
+    b.link();
+    before = work();
+    EXPECT_TRUE(diff(a.list, b.list, 1000).share);
+    const long for_diff = work() - before;
+    EXPECT_GT(for_diff, 0);
+    EXPECT_LT(for_diff, kMost);
 }
 
 } // namespace
