@@ -123,9 +123,9 @@ struct Batch {
     Packet packet(size_t i) const { return {packets[i], frags[i] != 0}; }
 
     size_t count = 0;
-    std::array<acl_info, kMost> packets;
-    std::array<uint8_t, kMost> frags;
-    std::array<uint64_t, kMost> frames; // counted from 1
+    std::array<acl_info, kMost> packets{};
+    std::array<uint8_t, kMost> frags{};
+    std::array<uint64_t, kMost> frames{}; // counted from 1
 };
 
 using Results = std::array<uint32_t, Batch::kMost>;
@@ -135,10 +135,7 @@ using Results = std::array<uint32_t, Batch::kMost>;
 class Judge {
   public:
     Judge(const Configuration &from, const std::string &name, const char *slot, size_t max_bytes)
-        : name_(name) {
-        read_list(from, name, slot);
-        list_ = ipacl_config_find(slot);
-        form_.reset(acl_compile(list_, max_bytes));
+        : name_(name), list_(kept_list(from, name, slot)), form_(acl_compile(list_, max_bytes)) {
         if (acl::StandardKind::owns(*list_))
             find_counters(list_->ipacl_s);
         else
@@ -174,7 +171,7 @@ class Judge {
     void tell_hits() {
         std::cout << std::flush;
         show_ip_acl_rule(list_, IPACL_SHOW_PACKETS, printf);
-        fflush(stdout);
+        (void)fflush(stdout);
     }
 
     const std::string &name() const { return name_; }
@@ -187,6 +184,11 @@ class Judge {
         void operator()(acl_fast *form) const { acl_fast_free(form); }
     };
 
+    static ipacl *kept_list(const Configuration &from, const std::string &name, const char *slot) {
+        read_list(from, name, slot);
+        return ipacl_config_find(slot);
+    }
+
     template <class Rule>
     void find_counters(Rule *rule) {
         for (; rule; rule = rule->ipacl_next)
@@ -194,7 +196,7 @@ class Judge {
     }
 
     void decide_compiled(const Batch &batch, Results &results) {
-        std::array<acl_fast_answer, Batch::kMost> answers;
+        std::array<acl_fast_answer, Batch::kMost> answers{};
         acl_fast_check_many(form_.get(), batch.packets.data(), batch.frags.data(), batch.count,
                             answers.data());
         for (size_t i = 0; i < batch.count; i++) {
@@ -216,6 +218,7 @@ class Judge {
     static uint32_t hit(const Rule *head, const Rule *rule) {
         if (!rule)
             return head ? IPACL_CHECK_NO_MATCH : IPACL_CHECK_NO_RULES;
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): as said above
         const_cast<Rule *>(rule)->stat_count++;
         return rule->flags & kActions;
     }
@@ -305,8 +308,8 @@ class Replay {
 };
 
 void tell_rate(uint64_t packets, std::chrono::duration<double> time) {
-    fprintf(stderr, "%s in %.2f seconds, %.0f a second\n", counted(packets, "packet").c_str(),
-            time.count(), static_cast<double>(packets) / std::max(time.count(), 1e-6));
+    (void)fprintf(stderr, "%s in %.2f seconds, %.0f a second\n", counted(packets, "packet").c_str(),
+                  time.count(), static_cast<double>(packets) / std::max(time.count(), 1e-6));
 }
 
 int replay(const Arguments &a) {
