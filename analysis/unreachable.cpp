@@ -29,9 +29,9 @@ class Finder {
 
   private:
     struct Part {
-        size_t rule; // from 0
-        Set set;     // what it takes of the rule that is looked at
-        double size;
+        size_t rule = 0; // from 0
+        Set set;         // what it takes of the rule that is looked at
+        double size = 0;
     };
 
     std::optional<Unreachable> look_at(size_t i) {

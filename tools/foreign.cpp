@@ -405,7 +405,8 @@ class FileReader {
 
     void take(const std::string &line) {
         std::istringstream in(line);
-        const Words words{std::istream_iterator<std::string>(in), {}};
+        const Words words = {std::istream_iterator<std::string>(in),
+                             std::istream_iterator<std::string>()};
         if (words.empty() || words[0][0] == '!')
             return;
         const auto is = [&](size_t at, const char *word) {
