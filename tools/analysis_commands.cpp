@@ -1,6 +1,7 @@
 #include "analysis_commands.h"
 
 #include "list_source.h"
+#include "progress.h"
 
 #include "analysis/analysis.h"
 
@@ -102,9 +103,6 @@ void add_packet(cJSON *to, const Packet &packet) {
     add_bool(item, "later-fragment", packet.frag);
 }
 
-std::string counted(size_t count, const char *noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
 // "1 takes 7", "2 take 9".
 std::string taking(const std::string &rules, size_t count, uint64_t entries) {
     std::string text = rules;

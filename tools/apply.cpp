@@ -4,6 +4,7 @@
 #include "confirm.h"
 #include "list_source.h"
 #include "loader.h"
+#include "progress.h"
 #include "strict.h"
 
 #include "analysis/analysis.h"
@@ -417,9 +418,9 @@ int give_up(Service &service, const std::vector<Change> &changes, const std::str
 
 int await_word(Service &service, Confirmation &confirmation, int seconds,
                const std::vector<Change> &changes) {
-    std::cerr << "applied; the old lists come back in " << seconds
-              << " seconds unless \"ipaclctl confirm\" is given, or Enter pressed here"
-              << std::endl;
+    std::cerr << "applied; the old lists come back in "
+              << counted(static_cast<uint64_t>(seconds), "second")
+              << " unless \"ipaclctl confirm\" is given, or Enter pressed here" << std::endl;
     switch (confirmation.wait(seconds)) {
     case Confirmation::kConfirmed:
         std::cerr << "confirmed\n";
@@ -451,7 +452,9 @@ int apply(Service &service, const Apply &what) {
     Teller teller(running, wanted, what.limit);
     for (const Change &change : changes)
         teller.tell(change);
-    std::cout << changes.size() << " of " << wanted.lists().size() << " lists differ" << std::endl;
+    const size_t all = wanted.lists().size();
+    std::cout << changes.size() << " of " << counted(all, "list")
+              << (all == 1 ? " differs" : " differ") << std::endl;
     if (what.dry_run || changes.empty())
         return 0;
     std::optional<Confirmation> confirmation;

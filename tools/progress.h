@@ -1,13 +1,21 @@
-// A bar on a terminal for what takes longer than a second.
+// Numbers told to the operator: counts, and a bar on a terminal for what takes longer than a
+// second.
 #pragma once
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <unistd.h>
 
 namespace ipaclctl {
+
+// "1 rule", "2 rules".
+inline std::string counted(uint64_t count, const char *noun) {
+    std::string text = std::to_string(count);
+    return text.append(" ").append(noun).append(count == 1 ? "" : "s");
+}
 
 class Progress {
   public:

@@ -26,11 +26,6 @@ using analysis::Packet;
 constexpr int kFound = 1;
 constexpr int kNoAnswer = 2;
 
-std::string counted(uint64_t count, const char *noun) {
-    std::string text = std::to_string(count);
-    return text.append(" ").append(noun).append(count == 1 ? "" : "s");
-}
-
 std::optional<Link> link_of(int type) {
     switch (type) {
     case DLT_EN10MB:

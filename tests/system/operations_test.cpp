@@ -460,7 +460,7 @@ TEST_F(ApplyTool, WithoutAWordInTimeTheOldListsComeBack) {
     const Outcome outcome = apply({"--confirm", "1"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors,
-              "applied; the old lists come back in 1 seconds unless \"ipaclctl confirm\" is given, "
+              "applied; the old lists come back in 1 second unless \"ipaclctl confirm\" is given, "
               "or Enter pressed here\nipaclctl: not confirmed in time; the old lists are back\n");
     EXPECT_EQ(running(), old_);
     const Outcome late = ctl({"confirm"});
