@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <functional>
+#include <ostream>
 #include <thread>
 
 namespace {
@@ -85,6 +86,10 @@ struct Role {
     char who;
     const char *before; // exchanges that come first, on the same side
     std::function<void(struct Side &)> act;
+
+    friend std::ostream &operator<<(std::ostream &out, const Role &shown) {
+        return out << shown.exchange << " as " << shown.who;
+    }
 };
 
 struct Side {
