@@ -21,6 +21,22 @@
 
 namespace {
 
+// Goes with all that is in it.
+struct TemporaryDirectory {
+    TemporaryDirectory() {
+        char name[] = "/tmp/ipacl-case-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory &) = delete;
+    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
+
+    std::string path;
+};
+
 // --- Fields of records, by name ---
 
 using Setter = void (*)(void *, const std::string &);
@@ -252,11 +268,8 @@ int play(const std::string &line, std::string &terminal) {
         return 0;
     }
     if (command == "temporary-prefix") {
-        static const std::string directory = [] {
-            char name[] = "/tmp/ipacl-case-XXXXXX";
-            return std::string(mkdtemp(name));
-        }();
-        fake::set_vty_prefix((directory + "/vty").c_str());
+        static const TemporaryDirectory directory;
+        fake::set_vty_prefix((directory.path + "/vty").c_str());
         return 0;
     }
     if (command == "terminal-handler") {
