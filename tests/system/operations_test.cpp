@@ -4,6 +4,7 @@
 #include "capture.h"
 #include "faulty_daemon.h"
 #include "program.h"
+#include "terminal.h"
 
 #include "ipacl/aclapi.h"
 #include "ipacl/ipaclstd.h"
@@ -13,7 +14,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
-#include <pty.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -383,21 +383,13 @@ TEST_F(ApplyTool, ShowsWhatDiffersAndMakesItSo) {
 
 TEST_F(ApplyTool, SendsOnlyWhatDiffers) {
     ASSERT_EQ(ctl({"load", "-"}, "ip access-list extended alone\n permit ip any any\n").status, 0);
-    const pid_t watcher = fork();
-    if (watcher == 0) {
-        const Outcome seen = ctl({"watch", "--count", "4"});
-        write_file("seen", seen.output);
-        _exit(seen.status);
-    }
-    // Until the watcher hears a list come and go.
-    int status = 0;
-    sleep(1);
+    Terminal watcher({"watch", "--count", "4"});
+    ASSERT_TRUE(watcher.shows("watching\r\n"));
     ASSERT_EQ(apply().status, 0);
     EXPECT_EQ(apply().status, 0); // announces nothing
     ctl({"destroy", "alone"});
-    for (int i = 0; i < 500 && waitpid(watcher, &status, WNOHANG) == 0; i++)
-        usleep(10000);
-    EXPECT_EQ(read_file("seen"), "hosts removed\nmore changed\nweb changed\nalone removed\n");
+    EXPECT_TRUE(watcher.shows("hosts removed\r\nmore changed\r\nweb changed\r\nalone removed\r\n"));
+    EXPECT_EQ(watcher.passed(), "") << "more was announced";
 }
 
 TEST_F(ApplyTool, AConfigurationThatWouldNotBeTakenWholeChangesNothing) {
@@ -540,25 +532,11 @@ TEST_F(Confirming, WithoutTheBusTheOldListsComeBack) {
 }
 
 TEST_F(ApplyTool, EnterOnATerminalConfirms) {
-    int master;
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid == 0) {
-        execute(program(TOOL, {"apply", new_file_, "--confirm", "60"}));
-        _exit(127);
-    }
-    std::string shown;
-    char buffer[4096];
-    bool pressed = false;
-    for (ssize_t got; (got = read(master, buffer, sizeof buffer)) > 0;) {
-        shown.append(buffer, static_cast<size_t>(got));
-        if (!pressed && shown.find("or Enter pressed here") != std::string::npos)
-            pressed = write(master, "\n", 1) == 1;
-    }
-    int status;
-    waitpid(pid, &status, 0);
-    close(master);
-    EXPECT_EQ(status, 0) << shown;
-    EXPECT_NE(shown.find("confirmed"), std::string::npos) << shown;
+    Terminal terminal({"apply", new_file_, "--confirm", "60"});
+    ASSERT_TRUE(terminal.shows("or Enter pressed here"));
+    terminal.type("\n");
+    EXPECT_TRUE(terminal.shows("confirmed"));
+    EXPECT_EQ(terminal.status(), 0);
     EXPECT_EQ(running(), new_);
 }
 

@@ -1,13 +1,11 @@
 // Every command of ipaclctl and what it says when it can't.
 
 #include "daemon.h"
-
-#include "program.h"
+#include "terminal.h"
 
 #include <cjson/cJSON.h>
 
 #include <csignal>
-#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -193,22 +191,12 @@ TEST_F(Tool, TwoAtATimeDoNotDisturbEachOther) {
 }
 
 TEST_F(Tool, WatchTellsWhatChangesAndGoes) {
-    const pid_t watcher = fork();
-    if (watcher == 0) {
-        const Outcome seen = ctl({"watch", "--count", "2"});
-        write_file("seen", seen.output);
-        _exit(seen.status);
-    }
-    // Announcements are heard once the listener's object is registered; make changes until then.
-    int status = 0;
-    for (int i = 0; i < 500 && waitpid(watcher, &status, WNOHANG) == 0; i++) {
-        ctl({"create", "web", "--type", "standard"});
-        ctl({"destroy", "web"});
-    }
-    EXPECT_EQ(status, 0);
-    const std::string seen = read_file("seen");
-    EXPECT_TRUE(seen == "web changed\nweb removed\n" || seen == "web removed\nweb changed\n")
-        << seen;
+    Terminal watcher({"watch", "--count", "2"});
+    ASSERT_TRUE(watcher.shows("watching\r\n"));
+    ctl({"create", "web", "--type", "standard"});
+    ctl({"destroy", "web"});
+    EXPECT_TRUE(watcher.shows("web changed\r\nweb removed\r\n"));
+    EXPECT_EQ(watcher.status(), 0);
 }
 
 TEST_F(Tool, ALongLoadShowsItsProgressOnATerminal) {
@@ -217,24 +205,12 @@ TEST_F(Tool, ALongLoadShowsItsProgressOnATerminal) {
         config += " permit 10.0." + std::to_string(i / 200) + "." + std::to_string(i % 200) + "\n";
     const std::string file = write_file("long.conf", config);
     kill(daemon, SIGSTOP); // what would take long otherwise
-    int master;
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid == 0) {
-        execute(program(TOOL, {"load", file}));
-        _exit(127);
-    }
+    Terminal loading({"load", file});
     sleep(2);
     kill(daemon, SIGCONT);
-    std::string shown;
-    char buffer[4096];
-    for (ssize_t got; (got = read(master, buffer, sizeof buffer)) > 0;)
-        shown.append(buffer, static_cast<size_t>(got));
-    int status;
-    waitpid(pid, &status, 0);
-    close(master);
-    EXPECT_EQ(status, 0);
-    EXPECT_NE(shown.find(" of 1001 lines"), std::string::npos) << shown;
-    EXPECT_TRUE(shown.ends_with("\r\033[K")) << "the bar is not erased";
+    EXPECT_TRUE(loading.shows(" of 1001 lines"));
+    EXPECT_TRUE(loading.shows("\r\033[K")) << "the bar is not erased";
+    EXPECT_EQ(loading.status(), 0);
 }
 
 } // namespace
