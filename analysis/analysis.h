@@ -8,8 +8,8 @@
 //
 // Rules are numbered from 1 by their place in the list, inactive ones included. Lists are only
 // read. The decision diagrams behind this are one for the process: one thread at a time. A question
-// that would take more than kMaxNodes nodes of them at once, or make more than kMaxWork, is given
-// up with TooComplex; diff then still tells regions that it finds by trying packets, if any.
+// that would take more than kMaxNodes nodes of them at once, or more than kMaxSeconds, is given up
+// with TooComplex; diff then still tells regions that it finds by trying packets, if any.
 #pragma once
 
 #include "ipacl.h"
@@ -24,7 +24,7 @@
 namespace analysis {
 
 inline constexpr int kMaxNodes = 8'000'000; // 20 bytes each, and half as much for caches
-inline constexpr double kMaxSeconds = 8;
+inline constexpr double kMaxSeconds = 8;    // of processor time
 
 // The nodes made since the process began: what questions cost, whatever machine they run on.
 long work();
